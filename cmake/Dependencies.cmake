@@ -1,0 +1,5 @@
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+pkg_check_modules(GLIB REQUIRED IMPORTED_TARGET glib-2.0>=2.66)
+pkg_check_modules(GIO REQUIRED IMPORTED_TARGET gio-2.0>=2.66 gobject-2.0)
+pkg_check_modules(LXC REQUIRED IMPORTED_TARGET lxc)

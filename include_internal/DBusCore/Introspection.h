@@ -1,0 +1,75 @@
+#pragma once
+
+namespace DBusCore {
+
+constexpr const char* BUS_NAME = "org.ornix.zoneframework";
+constexpr const char* OBJECT_PATH = "/org/ornix/zoneframework";
+constexpr const char* INTERFACE_NAME = "org.ornix.zoneframework.interface";
+constexpr const char* SIGNAL_STATE_CHANGED = "ZoneStateChangedSignal";
+
+/// The published interface. Two things look like mistakes and are part of it: the signal is declared without
+/// its two string arguments, and "ZoneAttachWait" declares "u" though its handler answers "i".
+constexpr const char* INTROSPECTION_XML = "<node>"
+                                          "\t<interface name='org.ornix.zoneframework.interface'>"
+                                          "\t\t<method name='GetVersion'>"
+                                          "\t\t\t<arg type='s' name='zoneName' direction='in'/>"
+                                          "\t\t\t<arg type='s' name='version' direction='out'/>"
+                                          "\t\t</method>"
+                                          "\t\t<method name='GetZoneList'>"
+                                          "\t\t\t<arg type='as' name='zone_list' direction='out'/>"
+                                          "\t\t</method>"
+                                          "\t\t<method name='ZoneGetState'>"
+                                          "\t\t\t<arg type='s' name='zoneName' direction='in'/>"
+                                          "\t\t\t<arg type='i' name='retval' direction='out'/>"
+                                          "\t\t</method>"
+                                          "\t\t<method name='ZoneGetPid'>"
+                                          "\t\t\t<arg type='s' name='zoneName' direction='in'/>"
+                                          "\t\t\t<arg type='i' name='retval' direction='out'/>"
+                                          "\t\t</method>"
+                                          "\t\t<method name='ZoneGetInitPid'>"
+                                          "\t\t\t<arg type='s' name='zoneName' direction='in'/>"
+                                          "\t\t\t<arg type='i' name='retval' direction='out'/>"
+                                          "\t\t</method>"
+                                          "\t\t<method name='ZoneStart'>"
+                                          "\t\t\t<arg type='s' name='zoneName' direction='in'/>"
+                                          "\t\t\t<arg type='b' name='retval' direction='out'/>"
+                                          "\t\t</method>"
+                                          "\t\t<method name='ZoneStop'>"
+                                          "\t\t\t<arg type='s' name='zoneName' direction='in'/>"
+                                          "\t\t\t<arg type='b' name='retval' direction='out'/>"
+                                          "\t\t</method>"
+                                          "\t\t<method name='ZoneFreeze'>"
+                                          "\t\t\t<arg type='s' name='zoneName' direction='in'/>"
+                                          "\t\t\t<arg type='b' name='retval' direction='out'/>"
+                                          "\t\t</method>"
+                                          "\t\t<method name='ZoneUnfreeze'>"
+                                          "\t\t\t<arg type='s' name='zoneName' direction='in'/>"
+                                          "\t\t\t<arg type='b' name='retval' direction='out'/>"
+                                          "\t\t</method>"
+                                          "\t\t<method name='ZoneLock'>"
+                                          "\t\t\t<arg type='s' name='zoneName' direction='in'/>"
+                                          "\t\t\t<arg type='b' name='force_stop' direction='in'/>"
+                                          "\t\t\t<arg type='b' name='retval' direction='out'/>"
+                                          "\t\t</method>"
+                                          "\t\t<method name='ZoneUnlock'>"
+                                          "\t\t\t<arg type='s' name='zoneName' direction='in'/>"
+                                          "\t\t\t<arg type='b' name='retval' direction='out'/>"
+                                          "\t\t</method>"
+                                          "\t\t<method name='ZoneAttach'>"
+                                          "\t\t\t<arg type='s' name='zoneName' direction='in'/>"
+                                          "\t\t\t<arg type='as' name='cmdline' direction='in'/>"
+                                          "\t\t\t<arg type='as' name='environment' direction='in'/>"
+                                          "\t\t\t<arg type='i' name='uid' direction='in'/>"
+                                          "\t\t\t<arg type='i' name='gid' direction='in'/>"
+                                          "\t\t\t<arg type='b' name='retval' direction='out'/>"
+                                          "\t\t</method>"
+                                          "\t\t<method name='ZoneAttachWait'>"
+                                          "\t\t\t<arg type='s' name='zoneName' direction='in'/>"
+                                          "\t\t\t<arg type='u' name='retval' direction='out'/>"
+                                          "\t\t</method>"
+                                          "\t\t<signal name='ZoneStateChangedSignal'>"
+                                          "\t\t</signal>"
+                                          "\t</interface>"
+                                          "</node>";
+
+} // namespace DBusCore

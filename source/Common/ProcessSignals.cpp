@@ -1,0 +1,67 @@
+#include "Common/ProcessSignals.h"
+
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <poll.h>
+
+namespace ZoneCore::ProcessSignals {
+
+namespace {
+
+/// The mask the daemon was started with. Written by hold() before any other thread exists, read by children.
+sigset_t originalMask;
+bool held = false;
+
+sigset_t only(int signal)
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, signal);
+    return set;
+}
+
+} // namespace
+
+void hold()
+{
+    sigset_t signals = only(SIGTERM);
+    sigaddset(&signals, SIGPIPE);
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, &signals, &before);
+    if (!held) {
+        originalMask = before;
+        held = true;
+    }
+}
+
+void deliverPending()
+{
+    if (!held) {
+        return;
+    }
+    const sigset_t termination = only(SIGTERM);
+    pthread_sigmask(SIG_UNBLOCK, &termination, nullptr);
+    pthread_sigmask(SIG_BLOCK, &termination, nullptr);
+}
+
+gint poll(GPollFD* fds, guint count, gint timeout)
+{
+    static_assert(sizeof(GPollFD) == sizeof(pollfd));
+    sigset_t whileWaiting;
+    pthread_sigmask(SIG_SETMASK, nullptr, &whileWaiting);
+    sigdelset(&whileWaiting, SIGTERM);
+    const timespec limit{timeout / 1000, (timeout % 1000) * 1000000L};
+    return ppoll(reinterpret_cast<pollfd*>(fds), count, timeout < 0 ? nullptr : &limit, &whileWaiting);
+}
+
+void restoreInChild()
+{
+    // An ignored signal would stay ignored in the program that the child becomes; a handler would not.
+    static_cast<void>(signal(SIGPIPE, SIG_DFL));
+    if (held) {
+        sigprocmask(SIG_SETMASK, &originalMask, nullptr);
+    }
+}
+
+} // namespace ZoneCore::ProcessSignals

@@ -1,0 +1,174 @@
+#include "tests/support/unit/LogCapture.h"
+
+#include "tests/support/unit/Eventually.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <iostream>
+#include <optional>
+#include <regex>
+#include <sstream>
+#include <string_view>
+#include <sys/mman.h>
+#include <system_error>
+#include <unistd.h>
+
+// Present in programs built with a sanitizer only.
+extern "C" void __sanitizer_set_report_fd(void* fd) __attribute__((weak));
+
+namespace ZoneTest {
+
+namespace {
+
+/// The log service looks at its environment once, at the first record. Before any of those is written, the
+/// records are sent to standard error, and the sanitizers' reports to a descriptor that stays as it is.
+__attribute__((constructor)) void sendLogToStandardError()
+{
+    static_cast<void>(setenv("ZONE_LOG_TARGET", "console", 1));
+    static_cast<void>(setenv("ZONE_LOG_LEVEL", "debug", 1));
+    if (__sanitizer_set_report_fd != nullptr) {
+        const int reports = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+        __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<std::intptr_t>(reports)));
+    }
+}
+
+/// A record is "LEVEL/TAG(PID:TID): FILE: FUNCTION(LINE) > COLOUR[SIGNATURE:LINE] BODY RESET".
+std::optional<LogRecord> parse(const std::string& line)
+{
+    static const std::regex origin(R"(([DIWEF])/ZONE_MANAGER\((\d+):(\d+)\): ([^:]+): (.+)\((\d+)\))");
+    constexpr std::string_view beforeColour = " > \x1b[";
+    constexpr std::string_view beforeSignature = "m[";
+    constexpr std::string_view reset = "\x1b[0m";
+
+    const auto endOfOrigin = line.find(beforeColour);
+    if (endOfOrigin == std::string::npos || !line.ends_with(reset)) {
+        return std::nullopt;
+    }
+    std::smatch part;
+    if (!std::regex_match(line.begin(), line.begin() + static_cast<std::ptrdiff_t>(endOfOrigin), part,
+                          origin)) {
+        return std::nullopt;
+    }
+    const std::string beforeBody = ":" + part.str(6) + "] ";
+    const auto colour = endOfOrigin + beforeColour.size();
+    const auto endOfColour = line.find(beforeSignature, colour);
+    const auto endOfSignature = line.find(beforeBody, colour);
+    if (endOfColour == std::string::npos || endOfSignature == std::string::npos) {
+        return std::nullopt;
+    }
+    const auto signature = endOfColour + beforeSignature.size();
+    const auto body = endOfSignature + beforeBody.size();
+    return LogRecord{.level = part.str(1).front(),
+                     .process = std::stoi(part.str(2)),
+                     .thread = std::stoi(part.str(3)),
+                     .file = part.str(4),
+                     .function = part.str(5),
+                     .line = std::stoi(part.str(6)),
+                     .colour = line.substr(colour, endOfColour - colour),
+                     .signature = line.substr(signature, endOfSignature - signature),
+                     .body = line.substr(body, line.size() - reset.size() - body)};
+}
+
+std::string textOf(const LogRecord& record)
+{
+    return std::string(1, record.level) + " " + record.body;
+}
+
+} // namespace
+
+void PrintTo(const LogRecord& record, std::ostream* stream)
+{
+    *stream << textOf(record) << " (" << record.file << ":" << record.line << ")";
+}
+
+LogCapture::LogCapture()
+{
+    savedStandardError = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    file = memfd_create("captured-log", MFD_CLOEXEC);
+    if (savedStandardError < 0 || file < 0 || fcntl(file, F_SETFL, O_APPEND) < 0 ||
+        dup2(file, STDERR_FILENO) < 0) {
+        throw std::system_error(errno, std::generic_category(), "standard error cannot be redirected");
+    }
+}
+
+LogCapture::~LogCapture()
+{
+    dup2(savedStandardError, STDERR_FILENO);
+    close(savedStandardError);
+    if (testing::Test::HasFailure()) {
+        start = 0;
+        for (const std::string& line : lines()) {
+            std::cerr << line << '\n';
+        }
+    }
+    close(file);
+}
+
+std::vector<std::string> LogCapture::lines() const
+{
+    std::string text;
+    std::array<char, 65536> buffer{};
+    off_t position = start;
+    for (ssize_t length = 0; (length = pread(file, buffer.data(), buffer.size(), position)) > 0;
+         position += length) {
+        text.append(buffer.data(), static_cast<std::size_t>(length));
+    }
+    std::vector<std::string> result;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        result.push_back(line);
+    }
+    return result;
+}
+
+std::vector<LogRecord> LogCapture::records() const
+{
+    std::vector<LogRecord> result;
+    for (const std::string& line : lines()) {
+        if (auto record = parse(line)) {
+            result.push_back(std::move(*record));
+        }
+    }
+    return result;
+}
+
+std::vector<std::string> LogCapture::texts() const
+{
+    std::vector<std::string> result;
+    for (const LogRecord& record : records()) {
+        result.push_back(textOf(record));
+    }
+    return result;
+}
+
+std::vector<std::string> LogCapture::otherLines() const
+{
+    std::vector<std::string> result = lines();
+    std::erase_if(result, [](const std::string& line) { return parse(line).has_value(); });
+    return result;
+}
+
+bool LogCapture::waitForText(const std::string& text, std::chrono::milliseconds limit) const
+{
+    return eventually(
+        [&] {
+            const auto all = texts();
+            return std::find(all.begin(), all.end(), text) != all.end();
+        },
+        limit);
+}
+
+void LogCapture::clear()
+{
+    start = lseek(file, 0, SEEK_END);
+}
+
+} // namespace ZoneTest

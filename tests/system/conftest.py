@@ -1,0 +1,49 @@
+"""Fixtures; zonetest/__init__.py is the manual."""
+
+import pytest
+from zonetest import Bus, Daemon, FakeLxc, PrivateRoot, RealZones
+
+
+@pytest.fixture
+def root():
+    with PrivateRoot() as private_root:
+        yield private_root
+
+
+@pytest.fixture
+def fake(root):
+    return FakeLxc(root)
+
+
+@pytest.fixture
+def zones(root):
+    return RealZones(root)
+
+
+@pytest.fixture
+def bus(root):
+    return Bus(root).start()
+
+
+@pytest.fixture
+def daemon(root):
+    daemon = Daemon(root)
+    yield daemon
+    try:
+        if daemon.running:
+            daemon.stop()
+    except AssertionError as error:
+        daemon.process.kill()
+        pytest.fail(str(error), pytrace=False)
+    report = daemon.sanitizer_report()
+    if report:
+        pytest.fail(f"a sanitizer reported:\n{report}", pytrace=False)
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item):
+    outcome = yield
+    report = outcome.get_result()
+    daemon = item.funcargs.get("daemon") if hasattr(item, "funcargs") else None
+    if report.when == "call" and report.failed and daemon is not None:
+        report.sections.append(("the daemon's log", "\n".join(daemon.lines)))

@@ -1,0 +1,168 @@
+"""The daemon under test and its log."""
+
+import re
+import signal
+import subprocess
+
+from . import records
+from .polling import SCALE, eventually, never
+from .root import BUILD, PROJECT, SANITIZE
+
+TAIL = 60
+_SANITIZER = re.compile(r"AddressSanitizer|ThreadSanitizer|LeakSanitizer|UndefinedBehaviorSanitizer|runtime error:")
+SUPPRESSIONS = PROJECT / "tests" / "system" / "tsan.supp"
+
+
+class Daemon:
+    """`zone-manager` in a root. It may be started again after it ended; the log goes on."""
+
+    def __init__(self, root, program=BUILD / "bin" / "zone-manager"):
+        self.root = root
+        self.program = program
+        self.process = None
+        self._log = root.scratch / "zone-manager.log"
+        self._log.touch()
+        self._offset = 0
+        self._partial = ""
+        self._lines = []
+        self._records = []
+
+    # Life
+
+    def start(self, env=None, wait=None):
+        """Starts the daemon with these environment variables too; with `wait`, waits for a record that matches it."""
+        environment = {"ZONE_LOG_TARGET": "console"}
+        if "thread" in SANITIZE and SUPPRESSIONS.exists():
+            environment["TSAN_OPTIONS"] = f"suppressions={SUPPRESSIONS}:second_deadlock_stack=1"
+        environment.update(env or {})
+        # ThreadSanitizer needs its addresses where they always are.
+        prefix = ["setarch", "-R"] if "thread" in SANITIZE else []
+        mark = self.mark()
+        with open(self._log, "ab") as log:
+            self.process = self.root.popen(
+                [*prefix, self.program], environment, stdout=log, stderr=subprocess.STDOUT
+            )
+        if wait is not None:
+            self.wait_for(wait, after=mark)
+        return self
+
+    @property
+    def pid(self):
+        """The machine's number for it; the log and D-Bus show `inner_pid`."""
+        return self.process.pid
+
+    @property
+    def inner_pid(self):
+        return self.process.inner_pid
+
+    @property
+    def running(self):
+        return self.process is not None and self.process.running
+
+    def signal(self, number=signal.SIGTERM):
+        self.process.signal(number)
+
+    def wait_exit(self, timeout=20.0):
+        """The exit status as a shell shows it for an exit (255 for -1), negative for a signal."""
+        try:
+            return self.process.wait(timeout)
+        except subprocess.TimeoutExpired:
+            raise AssertionError(f"the daemon did not end within {timeout * SCALE:.1f} s\n{self.tail()}") from None
+
+    def stop(self, timeout=20.0):
+        """SIGTERM, then the exit status."""
+        if self.running:
+            self.signal(signal.SIGTERM)
+        return self.wait_exit(timeout)
+
+    # Log
+
+    def _read(self):
+        with open(self._log, encoding="utf-8", errors="replace", newline="\n") as log:
+            log.seek(self._offset)
+            text = log.read()
+            self._offset = log.tell()
+        *complete, self._partial = (self._partial + text).split("\n")
+        for line in complete:
+            self._lines.append(line)
+            record = records.parse(line)
+            if record is not None:
+                self._records.append(record)
+
+    @property
+    def lines(self):
+        """All output, record or not."""
+        self._read()
+        return self._lines
+
+    @property
+    def records(self):
+        self._read()
+        return self._records
+
+    def bodies(self, level=None, after=0):
+        """The messages themselves, of one level or of all."""
+        return [record.body for record in self.records[after:] if level in (None, record.level)]
+
+    def mark(self):
+        """The present end of the log, for `after`."""
+        return len(self.records)
+
+    def find(self, wanted, after=0, level=None):
+        """The first record from `after` on whose body holds the text, or in which the compiled expression is found;
+        None without one."""
+        for record in self.records[after:]:
+            if level in (None, record.level) and _matches(wanted, record.body):
+                return record
+        return None
+
+    def count(self, wanted, after=0):
+        """How many records from `after` on match, by the same rule as `find`."""
+        return sum(_matches(wanted, record.body) for record in self.records[after:])
+
+    def _index(self, record, start):
+        for index in range(start, len(self._records)):
+            if self._records[index] is record:
+                return index
+        raise LookupError(record)
+
+    def wait_for(self, wanted, timeout=10.0, after=0, level=None):
+        """Waits for a record, by the same rule as `find`. Fails at once when the daemon has ended without it."""
+
+        def found_or_ended():
+            ended = not self.running
+            return self.find(wanted, after, level) or ended
+
+        try:
+            result = eventually(found_or_ended, timeout, f"record {wanted!r}")
+        except AssertionError as error:
+            raise AssertionError(f"{error}\n{self.tail()}") from None
+        assert result is not True, f"the daemon ended without record {wanted!r}\n{self.tail()}"
+        return result
+
+    def wait_order(self, *wanted, timeout=10.0, after=0):
+        """Waits for records one after another and returns them."""
+        found = []
+        for each in wanted:
+            found.append(self.wait_for(each, timeout, after))
+            after = self._index(found[-1], after) + 1
+        return found
+
+    def never(self, wanted, duration, after=0):
+        """Fails when a matching record comes within `duration` seconds."""
+        never(lambda: self.find(wanted, after), duration, f"record {wanted!r}")
+
+    def tail(self, lines=TAIL):
+        return "\n".join(self.lines[-lines:])
+
+    def sanitizer_report(self):
+        """What a sanitizer wrote, from its first line on; empty when none did."""
+        lines = [*self.lines, self._partial]
+        for index, line in enumerate(lines):
+            if _SANITIZER.search(line):
+                return "\n".join(lines[max(0, index - 1) :])
+        return ""
+
+
+def _matches(wanted, body):
+    return bool(wanted.search(body)) if isinstance(wanted, re.Pattern) else wanted in body

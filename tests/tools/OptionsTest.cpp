@@ -1,0 +1,90 @@
+#include "Options.h"
+#include "Commands.h"
+#include "Failure.h"
+
+#include <gtest/gtest.h>
+
+using namespace Zonectl;
+
+TEST(ParseOptions, DefaultsOfAnEmptyLine)
+{
+    const Options options = parseOptions({});
+    EXPECT_TRUE(options.command.empty());
+    EXPECT_FALSE(options.json || options.help || options.version || options.wait);
+    EXPECT_EQ(options.color, ColorMode::Automatic);
+    EXPECT_FALSE(options.timeout);
+    EXPECT_EQ(options.patience(), std::chrono::seconds(30));
+}
+
+TEST(ParseOptions, OptionsStandBeforeAndBehindTheCommand)
+{
+    const Options options =
+        parseOptions({"--json", "start", "--timeout", "5", "nav", "--wait", "--color=always"});
+    EXPECT_EQ(options.command, "start");
+    EXPECT_EQ(options.arguments, std::vector<std::string>{"nav"});
+    EXPECT_TRUE(options.json && options.wait);
+    EXPECT_EQ(options.patience(), std::chrono::seconds(5));
+    EXPECT_EQ(options.color, ColorMode::Always);
+}
+
+TEST(ParseOptions, ADoubleDashLetsANameBeginWithADash)
+{
+    const Options options = parseOptions({"state", "--", "-odd"});
+    EXPECT_EQ(options.command, "state");
+    EXPECT_EQ(options.arguments, std::vector<std::string>{"-odd"});
+}
+
+TEST(ParseOptions, TheRootLosesItsTrailingSlashes)
+{
+    EXPECT_EQ(parseOptions({"doctor", "--root", "/image//"}).root, "/image");
+    EXPECT_EQ(parseOptions({"doctor", "--root=/"}).root, "");
+}
+
+TEST(ParseOptions, RefusesWhatMakesNoSense)
+{
+    const std::vector<std::vector<std::string>> lines = {
+        {"--unknown"},         {"--timeout"},         {"--timeout", "0"},        {"--timeout", "-3"},
+        {"--timeout", "many"}, {"--timeout", "5s"},   {"--timeout", "86401"},    {"--color=blue"},
+        {"--root", "image"},   {"state", "\xff\xfe"}, {"--timeout=99999999999"}, {"--root="},
+    };
+    for (const auto& line : lines) {
+        try {
+            static_cast<void>(parseOptions(line));
+            ADD_FAILURE() << line.front() << " was taken";
+        } catch (const Failure& failure) {
+            EXPECT_EQ(failure.status(), EXIT_USAGE) << line.front();
+        }
+    }
+}
+
+TEST(RunCommand, RefusesWhatACommandDoesNotTake)
+{
+    const std::vector<std::vector<std::string>> lines = {
+        {},
+        {"nothing"},
+        {"list", "x"},
+        {"state"},
+        {"state", "a", "b"},
+        {"state", ""},
+        {"list", "--wait"},
+        {"start", "--root=/x", "a"},
+    };
+    for (const auto& line : lines) {
+        try {
+            static_cast<void>(runCommand(parseOptions(line)));
+            ADD_FAILURE() << "was taken";
+        } catch (const Failure& failure) {
+            EXPECT_EQ(failure.status(), EXIT_USAGE);
+        }
+    }
+}
+
+TEST(HelpText, NamesEveryCommandAndOption)
+{
+    const std::string text = helpText("");
+    for (const char* word : {"list", "state", "init-pid", "start", "stop", "unfreeze", "version", "watch",
+                             "doctor", "labels", "--json", "--timeout", "--color", "--wait", "--root"}) {
+        EXPECT_NE(text.find(word), std::string::npos) << word;
+    }
+    EXPECT_EQ(helpText("stop").find("Usage: zonectl [OPTION...] stop [--wait] NAME\n"), 0U);
+}

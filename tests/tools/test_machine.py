@@ -1,0 +1,158 @@
+"""zonectl doctor and zonectl labels on trees that stand for machines."""
+
+import json
+import os
+
+import bus_fixtures
+import pytest
+
+LABEL = "security.SMACK64"
+
+
+def labelled(path, label):
+    path.mkdir(parents=True, exist_ok=True)
+    try:
+        os.setxattr(path, LABEL, label.encode())
+    except OSError as error:
+        pytest.skip(f"labels cannot be set here: {error}")
+
+
+def container(root, name, kind, *lines):
+    """Defines a container; the kind is its configuration line's value, or None for no such line."""
+    directory = root / "var/lib/lxc" / name
+    (directory / "rootfs").mkdir(parents=True)
+    text = [f"lxc.rootfs.path = dir:/var/lib/lxc/{name}/rootfs", f"lxc.cgroup.dir.container = lxc.payload/{name}"]
+    text += [f"zone.container_type = {kind}"] if kind else []
+    (directory / "config").write_text("\n".join([*text, *lines]) + "\n")
+    return directory
+
+
+@pytest.fixture
+def machine(tmp_path):
+    """A machine with everything that the package brings and one hybrid zone."""
+    config = tmp_path / "zone/config"
+    config.mkdir(parents=True)
+    (config / "liblxc.so.1").write_bytes(b"")
+    (config / "zone-launcher").write_text("#!/bin/sh\n")
+    (config / "zone-launcher").chmod(0o755)
+    labelled(tmp_path / "run/lxc", "!")
+    labelled(tmp_path / "opt/zone/template/securedata", "!")
+    (tmp_path / "opt/var/lib/lxc").mkdir(parents=True)
+    container(tmp_path, "media", "hybrid", "lxc.start.auto = 1")
+    return tmp_path
+
+
+def doctor(root):
+    result = bus_fixtures.zonectl("doctor", "--json", "--root", str(root))
+    assert result.stderr == ""
+    return result.returncode, json.loads(result.stdout)
+
+
+def findings(report, severity):
+    return {finding["subject"]: finding for finding in report["findings"] if finding["severity"] == severity}
+
+
+def test_a_sound_machine(machine):
+    status, report = doctor(machine)
+    assert status == 0 and report["ok"]
+    assert (report["listed"], report["refused"], report["automatic_start_blocked"]) == (1, [], False)
+    assert findings(report, "problem") == findings(report, "warning") == {}
+    text = bus_fixtures.zonectl("doctor", "--root", str(machine))
+    assert text.returncode == 0 and text.stdout.endswith("No problem was found.\n")
+
+
+@pytest.mark.parametrize("kind", [None, "4", "Hybrid"])
+def test_a_container_without_a_kind_is_reported_loudly(machine, kind):
+    container(machine, "broken", kind)
+    status, report = doctor(machine)
+    assert status == 1 and report["automatic_start_blocked"]
+    assert [refused["name"] for refused in report["refused"]] == ["broken"]
+    text = bus_fixtures.zonectl("doctor", "--root", str(machine)).stdout
+    assert "NOTHING STARTS AUTOMATICALLY" in text and "2 containers are listed, 1 of them" in text
+
+
+@pytest.mark.parametrize("path, breaks", [
+    ("zone/config/liblxc.so.1", "liblxc"), ("zone/config/zone-launcher", "launcher")])
+def test_a_missing_file(machine, path, breaks):
+    (machine / path).unlink()
+    status, report = doctor(machine)
+    assert status == 1 and list(findings(report, "problem")) == [breaks]
+
+
+def test_a_launcher_that_cannot_be_run(machine):
+    (machine / "zone/config/zone-launcher").chmod(0o644)
+    status, report = doctor(machine)
+    assert status == 1 and "not executable" in findings(report, "problem")["launcher"]["text"]
+
+
+def test_an_unlabelled_run_directory(machine):
+    os.removexattr(machine / "run/lxc", LABEL)
+    status, report = doctor(machine)
+    assert status == 1 and "setfattr" in findings(report, "problem")["/run/lxc"]["remedy"]
+
+
+def test_unlabelled_secure_data_is_only_a_warning(machine):
+    os.removexattr(machine / "opt/zone/template/securedata", LABEL)
+    status, report = doctor(machine)
+    assert status == 0 and "/opt/zone/template/securedata" in findings(report, "warning")
+
+
+def test_a_missing_base_of_the_writable_directories(machine):
+    (machine / "opt/var/lib/lxc").rmdir()
+    status, report = doctor(machine)
+    assert status == 1
+    assert findings(report, "problem")["/opt/var/lib/lxc"]["remedy"] == "mkdir -p /opt/var/lib/lxc"
+    assert report["refused"][0]["name"] == "media"
+
+
+def test_a_container_without_a_root_file_system(machine):
+    (machine / "var/lib/lxc/media/config").write_text("zone.container_type = 2\n")
+    status, report = doctor(machine)
+    assert status == 1
+    assert report["refused"] == [
+        {"name": "media", "reasons": ["its configuration names no lxc.rootfs.path"]}]
+
+
+def isolated(machine):
+    container(machine, "nav", "isolation")
+    labelled(machine / "opt/var/lib/lxc/nav", "System")
+    labelled(machine / "opt/var/lib/lxc/nav/opt", "_")
+
+
+def protected(machine):
+    labelled(container(machine, "guard", "3"), "!")
+    labelled(machine / "opt/var/lib/lxc/guard", "_")
+    labelled(machine / "opt/var/lib/lxc/guard/opt", "_")
+
+
+def labels(root):
+    result = bus_fixtures.zonectl("labels", "--json", "--root", str(root))
+    assert result.stderr == ""
+    return result.returncode, {row["path"]: row for row in json.loads(result.stdout)}
+
+
+def test_labels_of_all_kinds(machine):
+    isolated(machine)
+    protected(machine)
+    status, rows = labels(machine)
+    assert status == 0
+    assert rows["/run/lxc"] == {"path": "/run/lxc", "zone": None, "label": "!", "wanted": "!", "enforced": True,
+                                "good": True, "verdict": "ok"}
+    assert rows["/opt/var/lib/lxc/nav"]["wanted"] == "System"
+    assert rows["/opt/var/lib/lxc/guard"]["verdict"] == "set at the daemon's start"
+    assert rows["/var/lib/lxc/nav"]["verdict"] == "ok, any label will do"
+    assert rows["/opt/var/lib/lxc/media"]["verdict"] == "made at the daemon's start"
+    assert doctor(machine)[0] == 0
+
+
+def test_a_missing_first_label_refuses_the_zone(machine):
+    isolated(machine)
+    os.removexattr(machine / "opt/var/lib/lxc/nav/opt", LABEL)
+    status, rows = labels(machine)
+    assert status == 1 and not rows["/opt/var/lib/lxc/nav/opt"]["good"]
+    status, report = doctor(machine)
+    assert status == 1 and [refused["name"] for refused in report["refused"]] == ["nav"]
+    text = bus_fixtures.zonectl("labels", "--root", str(machine))
+    assert text.returncode == 1
+    assert any("nav/opt" in line and line.endswith("needs a first label (the zone is refused)")
+               for line in text.stdout.splitlines())

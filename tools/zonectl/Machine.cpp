@@ -1,0 +1,97 @@
+#include "Machine.h"
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/xattr.h>
+
+namespace Zonectl {
+
+namespace {
+
+constexpr const char* LABEL_ATTRIBUTE = "security.SMACK64";
+constexpr std::size_t LONGEST_LABEL = 4096;
+
+[[nodiscard]] std::optional<struct stat> statusOf(const std::string& path)
+{
+    struct stat status = {};
+    if (stat(path.c_str(), &status) != 0) {
+        return std::nullopt;
+    }
+    return status;
+}
+
+} // namespace
+
+bool Machine::exists(const std::string& path) const
+{
+    return statusOf(at(path)).has_value();
+}
+
+bool Machine::entryExists(const std::string& path) const
+{
+    struct stat status = {};
+    return lstat(at(path).c_str(), &status) == 0;
+}
+
+bool Machine::isProgram(const std::string& path) const
+{
+    const auto status = statusOf(at(path));
+    return status && S_ISREG(status->st_mode) && (status->st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) != 0;
+}
+
+bool Machine::isDirectory(const std::string& path) const
+{
+    const auto status = statusOf(at(path));
+    return status && S_ISDIR(status->st_mode);
+}
+
+bool Machine::onReadOnlyMount(const std::string& path) const
+{
+    struct statvfs status = {};
+    return statvfs(at(path).c_str(), &status) == 0 && (status.f_flag & ST_RDONLY) != 0;
+}
+
+std::optional<std::string> Machine::label(const std::string& path) const
+{
+    std::array<char, LONGEST_LABEL> buffer = {};
+    const ssize_t length = getxattr(at(path).c_str(), LABEL_ATTRIBUTE, buffer.data(), buffer.size() - 1);
+    if (length < 1) {
+        return std::nullopt;
+    }
+    return std::string(buffer.data()); // a label ends at its first zero byte, if it holds one
+}
+
+std::optional<std::string> Machine::read(const std::string& path) const
+{
+    std::ifstream file(at(path), std::ios::binary);
+    std::ostringstream text;
+    if (!file || !(text << file.rdbuf())) {
+        return std::nullopt;
+    }
+    return text.str();
+}
+
+std::vector<std::string> Machine::entries(const std::string& path) const
+{
+    std::vector<std::string> names;
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(at(path), error), end; !error && entry != end;
+         entry.increment(error)) {
+        names.push_back(entry->path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+bool kernelHasSmack()
+{
+    // The kernel lists smackfs only when Smack is among its active security modules.
+    return Machine("").read("/proc/filesystems").value_or("").find("smackfs") != std::string::npos;
+}
+
+} // namespace Zonectl
