@@ -59,9 +59,9 @@ __attribute__((format(printf, 1, 2))) void complain(const char* format, ...)
 {
     std::va_list arguments;
     va_start(arguments, format);
-    std::fputs("zone-launcher: ", stderr);
-    std::vfprintf(stderr, format, arguments);
-    std::fputc('\n', stderr);
+    static_cast<void>(std::fputs("zone-launcher: ", stderr));
+    static_cast<void>(std::vfprintf(stderr, format, arguments));
+    static_cast<void>(std::fputc('\n', stderr));
     va_end(arguments);
 }
 
@@ -96,6 +96,7 @@ int waitForTool(const char* tool, pid_t pid, Clock::time_point deadline)
 pid_t startTool(std::vector<std::string>& words, int output)
 {
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (auto& word : words) {
         arguments.push_back(word.data());
     }
@@ -114,7 +115,9 @@ pid_t startTool(std::vector<std::string>& words, int output)
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+    if (output != STDOUT_FILENO) {
+        posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+    }
     pid_t pid = -1;
     const int error =
         posix_spawn(&pid, arguments[0], &actions, &attributes, arguments.data(), toolEnvironment.data());
@@ -280,8 +283,8 @@ bool isContainerName(std::string_view name)
 /// What the tools and the waiting need of this process, whatever the caller left to it.
 void prepareProcess()
 {
-    umask(022); // the daemon runs with 0
-    std::signal(SIGCHLD, SIG_DFL);
+    umask(022);                                       // the daemon runs with 0
+    static_cast<void>(std::signal(SIGCHLD, SIG_DFL)); // ignored, the tools' exit statuses would be lost
     sigset_t childEnds;
     sigemptyset(&childEnds);
     sigaddset(&childEnds, SIGCHLD);
@@ -294,7 +297,7 @@ int main(int argc, char** argv)
 try {
     const std::string_view operation = argc == 3 ? argv[1] : "";
     if ((operation != "start" && operation != "stop") || !isContainerName(argv[2])) {
-        std::fputs("usage: zone-launcher start|stop NAME\n", stderr);
+        static_cast<void>(std::fputs("usage: zone-launcher start|stop NAME\n", stderr));
         return EXIT_USAGE;
     }
     prepareProcess();

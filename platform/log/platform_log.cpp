@@ -148,6 +148,7 @@ public:
     {
         const std::size_t room = BUFFER_SIZE - RESERVED_AT_END - used_;
         // One byte more than the room: the terminating zero may lie in the reserve.
+        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): begun by the caller
         const int length = vsnprintf(data_ + used_, room + 1, format, arguments);
         if (length < 0) {
             return;
@@ -226,6 +227,7 @@ Origin originOf(const char* format, va_list arguments) noexcept
     va_list copy;
     va_copy(copy, arguments);
     Origin origin;
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): a copy of one begun by the caller
     origin.file = va_arg(copy, const char*);
     origin.function = va_arg(copy, const char*);
     origin.line = va_arg(copy, int);
@@ -461,7 +463,6 @@ int platform_log_write(platform_log_buffer /*buffer*/, platform_log_priority pri
     if (level >= binding.level && binding.target != Target::Null) {
         va_list arguments;
         va_start(arguments, format);
-        errno = savedErrno; // for %m
         result = writeRecord(binding, level, tag, format, arguments);
         va_end(arguments);
         if (binding.target != Target::Console) {

@@ -106,8 +106,6 @@ int lxc_abstract_unix_open(const char* path, int type, int /*flags*/) noexcept
 
 const char* lxc_state2str(int state) noexcept
 {
-    if (state < 0 || static_cast<std::size_t>(state) >= STATE_WORDS.size()) {
-        return nullptr;
-    }
-    return STATE_WORDS[static_cast<std::size_t>(state)];
+    const auto index = static_cast<std::size_t>(state); // a negative number is beyond the end too
+    return index < STATE_WORDS.size() ? STATE_WORDS[index] : nullptr;
 }

@@ -48,12 +48,11 @@ bool sendKeepAlive(std::string_view path) noexcept
         return false;
     }
     std::memcpy(address.sun_path, path.data(), path.size());
-    std::size_t length = offsetof(sockaddr_un, sun_path) + path.size();
     if (path.front() == '@') {
         address.sun_path[0] = '\0';
-    } else {
-        ++length; // the terminating zero
     }
+    // An abstract name is as long as this says; a path needs no terminating zero.
+    const std::size_t length = offsetof(sockaddr_un, sun_path) + path.size();
     const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (descriptor < 0) {
         return false;

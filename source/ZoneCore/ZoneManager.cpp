@@ -82,6 +82,7 @@ bool ZoneManager::createZoneMonitor()
     if (!zoneMonitor->initialize(ZoneContext::singleton()->getLxcBasePath())) {
         return false;
     }
+    ProcessSignals::deliverPending();
     zoneMonitor->setWatchDog(true, MONITOR_WATCHDOG_INTERVAL_S, MONITOR_WATCHDOG_NOTIFY_PERIOD_MS);
     return zoneMonitor->usesDefaultContext() || zoneMonitor->run();
 }

@@ -58,11 +58,19 @@ TEST(ReadContainer, FollowsIncludedFilesAndDirectories)
     const TemporaryTree tree;
     tree.write("/c/a/config", "lxc.include = /common.conf\nlxc.include = /more\n");
     tree.write("/common.conf", "lxc.rootfs.path = /common\n");
-    tree.write("/more/10-kind.conf", "zone.container_type = 1\n");
-    tree.write("/more/20-ignored.txt", "zone.container_type = 2\n");
+    tree.write("/more/10-start.conf", "lxc.start.auto = 1\n");
+    tree.write("/more/20-ignored.txt", "lxc.start.auto = 0\n");
     const ContainerInfo info = readContainer(Machine(tree.root()), "/c", "a");
     EXPECT_EQ(info.rootfsPath, "/common");
-    EXPECT_EQ(info.kind, ZUP::ZONE_TYPE_ISOLATION);
+    EXPECT_TRUE(info.autoStart);
+}
+
+TEST(ReadContainer, TheKindCountsOnlyInTheContainersOwnFile)
+{
+    const TemporaryTree tree;
+    tree.write("/c/a/config", "lxc.include = /common.conf\n");
+    tree.write("/common.conf", "zone.container_type = 1\n");
+    EXPECT_EQ(readContainer(Machine(tree.root()), "/c", "a").kind, ZUP::ZONE_TYPE_NONE);
 }
 
 TEST(ReadContainer, EndsWhenFilesIncludeEachOther)

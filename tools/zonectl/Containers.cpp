@@ -10,6 +10,7 @@ namespace Zonectl {
 namespace {
 
 constexpr int DEEPEST_INCLUDE = 8;
+constexpr std::string_view KIND_KEY = "zone.container_type";
 constexpr std::string_view BLANKS = " \t\r";
 
 [[nodiscard]] std::string_view trimmed(std::string_view text)
@@ -28,6 +29,9 @@ void collectLines(const Machine& machine, const std::string& path, int depth, st
         return; // files that include each other
     }
     for (ConfigLine& line : parseConfig(machine.read(path).value_or(""))) {
+        if (line.first == KIND_KEY && depth > 0) {
+            continue; // counts only in the container's own file
+        }
         if (line.first != "lxc.include") {
             lines.push_back(std::move(line));
         } else if (machine.isDirectory(line.second)) {
@@ -40,6 +44,11 @@ void collectLines(const Machine& machine, const std::string& path, int depth, st
             collectLines(machine, line.second, depth + 1, lines);
         }
     }
+}
+
+[[nodiscard]] std::string configPath(const std::string& lxcPath, const std::string& name)
+{
+    return lxcPath + "/" + name + "/config";
 }
 
 /// A root file system without the storage driver in front of it.
@@ -81,12 +90,12 @@ std::string configuredLxcPath(const Machine& machine)
 ContainerInfo readContainer(const Machine& machine, const std::string& lxcPath, const std::string& name)
 {
     std::vector<ConfigLine> lines;
-    collectLines(machine, lxcPath + "/" + name + "/config", 0, lines);
+    collectLines(machine, configPath(lxcPath, name), 0, lines);
     ContainerInfo container;
     container.name = name;
     ZUP::ZoneType librarysOwnKind = ZUP::ZONE_TYPE_NONE;
     for (const auto& [key, value] : lines) {
-        if (key == "zone.container_type") {
+        if (key == KIND_KEY) {
             container.kind = kindFromText(value);
         } else if (key == "lxc.container_type") {
             librarysOwnKind = kindFromText(value);
@@ -111,7 +120,7 @@ std::vector<std::string> configuredNames(const Machine& machine, const std::stri
 {
     std::vector<std::string> names;
     for (const std::string& name : machine.entries(lxcPath)) {
-        if (machine.exists(lxcPath + "/" + name + "/config")) {
+        if (machine.exists(configPath(lxcPath, name))) {
             names.push_back(name);
         }
     }

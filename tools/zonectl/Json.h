@@ -6,8 +6,6 @@
 #include <string>
 #include <string_view>
 
-struct _JsonBuilder;
-
 namespace Zonectl {
 
 /// Writes one JSON document step by step; every step returns the writer.
@@ -43,11 +41,8 @@ public:
     [[nodiscard]] std::string finish(Layout layout);
 
 private:
-    struct Release
-    {
-        void operator()(_JsonBuilder* builder) const;
-    };
-    std::unique_ptr<_JsonBuilder, Release> builder;
+    struct Builder; ///< keeps the JSON library's headers out of this one
+    std::unique_ptr<Builder> builder;
 };
 
 } // namespace Zonectl

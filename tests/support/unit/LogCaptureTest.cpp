@@ -72,7 +72,7 @@ TEST(LogCapture, WaitsForAnotherThread)
 
 TEST(LogCapture, GivesStandardErrorBack)
 {
-    LogCapture outer;
+    const LogCapture outer;
     {
         const LogCapture inner;
         ZLOGI("inner");

@@ -1,19 +1,20 @@
 """The bench on which the built programs run in earnest.
 
-Each test gets a private root: a throw-away copy of the machine's file system with processes, a network and control
-groups of its own (scripts/private-root). The daemon runs there with its compiled-in paths. Nothing inside is seen by
-another test, so names need not differ and tests run side by side:
+Each test gets a private root: a throw-away copy of the machine's file system with processes, a network and
+control groups of its own (scripts/private-root). The daemon runs there with its compiled-in paths. Nothing
+inside is seen by another test, so names need not differ and tests run side by side:
 
     tests/system/run-tests [pytest's options]       ZONE_BUILD_DIR names the build, build/release by default
 
 Fixtures (conftest.py)
 
     root      PrivateRoot, empty but for what the machine has
-    fake      FakeLxc: the fake liblxc and launcher are installed, no container is defined, first labels are there
+    fake      FakeLxc: the fake liblxc and launcher are installed, no container is defined, first labels are
+              there
     zones     RealZones: the built liblxc adapter and launcher are installed, first labels are there
     bus       Bus: a running system bus with the project's policy
-    daemon    Daemon, not started. At the end it is stopped by SIGTERM; a sanitizer's report fails the test, and a
-              failed test shows the log
+    daemon    Daemon, not started. At the end it is stopped by SIGTERM; a sanitizer's report fails the test,
+              and a failed test shows the log
 
         def test_starts_a_zone(fake, bus, daemon):
             fake.define("red", "hybrid", auto=True)
@@ -22,8 +23,9 @@ Fixtures (conftest.py)
             assert bus.call("ZoneGetState", "red") == 3
 
 PrivateRoot
-    run(command)            to its end: list, or text for the shell; texts in .stdout .stderr, status in .returncode
-    popen(command)          a Process: .pid (the machine's number) .inner_pid (the root's) .signal() .wait() .kill()
+    run(command)            to its end: list, or text for the shell; .stdout .stderr as texts, .returncode
+    popen(command)          a Process: .pid (the machine's number) .inner_pid (the root's) .signal() .wait()
+                            .kill()
     path("/run/lxc")        path by which the test reaches a path of the root; links are followed as inside
     read, write, mkdir, remove, exists, install, label, set_label
     prepare()               first labels and directories; install_built() the built adapter and launcher
@@ -36,11 +38,11 @@ Daemon
     bodies(level), find, count, wait_for(wanted, timeout, after), wait_order(*wanted), never(wanted, duration)
                             wanted: a text that the body holds, or a compiled expression
     mark()                  the log's present end, for `after=`
-    lines, tail()           everything it printed
+    lines, tail(), strays   everything it printed, the end of it, and what of it is no record
 
 FakeLxc
     define(name, kind, auto, rootfs, labels, **control_files)
-    put(name, file, value), drop, of        control files of a container, such as state, init_pid, running, get_fails
+    put(name, file, value), drop, of        control files of a container, such as state, init_pid, running
     set(name, value), unset, get            other control files, such as lxcpath, list_fails, fifo_name_fails
     script("start", "set init_pid 7", "state RUNNING", "exit 3", name="red")       what the launcher does
     calls(function, container), references(container), launches(), install_incomplete()
@@ -53,7 +55,8 @@ Clients
     bus.listen()            .signals, .wait_for("red", "RUNNING")
     bus.stop(), bus.start(), bus.restart()
 
-Waiting is done by `eventually(check, timeout)` and what is built on it; a test never sleeps to wait for something.
+Waiting is done by `eventually(check, timeout)` and what is built on it; a test never sleeps to wait for
+something.
 """
 
 from .bus import Bus, BusError, SignalListener
@@ -76,7 +79,7 @@ from .daemon import Daemon
 from .fakelxc import FakeLxc
 from .polling import Timeout, eventually, never
 from .records import Record
-from .root import BUILD, PRIVATE_ROOT, PROJECT, SANITIZE, PrivateRoot, Process
+from .root import BUILD, PRIVATE_ROOT, PROJECT, SANITIZE, PrivateRoot, Process, control_groups_of
 from .zones import DEFINE_ZONE, RealZones
 
 __all__ = [
@@ -103,6 +106,7 @@ __all__ = [
     "Subscriber",
     "Timeout",
     "ask_init_pid",
+    "control_groups_of",
     "eventually",
     "fifo_path",
     "init_pid_address",

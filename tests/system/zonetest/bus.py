@@ -18,7 +18,9 @@ SOCKET = "/run/dbus/system_bus_socket"
 POLICY = PROJECT / "packaging" / "dbus" / "org.ornix.zoneframework.conf"
 INSTALLED_POLICY = "/usr/share/dbus-1/system.d/org.ornix.zoneframework.conf"
 
-_SIGNAL_LINE = re.compile(re.escape(f"{OBJECT}: {INTERFACE}.{SIGNAL} ") + r"\('(?P<zone>.*)', '(?P<state>\w+)'\)")
+_SIGNAL_LINE = re.compile(
+    re.escape(f"{OBJECT}: {INTERFACE}.{SIGNAL} ") + r"\('(?P<zone>.*)', '(?P<state>\w+)'\)"
+)
 
 
 class BusError(Exception):
@@ -65,15 +67,15 @@ class Bus:
     def busctl(self, *arguments, timeout=10.0, uid=None):
         """Runs busctl with JSON output; BusError with its words when it fails."""
         user = [] if uid is None else ["setpriv", f"--reuid={uid}", f"--regid={uid}", "--clear-groups"]
-        command = [*user, "busctl", "--system", "--json=short", f"--timeout={timeout:.0f}", *map(str, arguments)]
-        result = self.root.run(command, check=False, timeout=timeout + 20)
+        busctl = ["busctl", "--system", "--json=short", f"--timeout={timeout:.0f}"]
+        result = self.root.run([*user, *busctl, *arguments], check=False, timeout=timeout + 20)
         if result.returncode != 0:
             raise BusError(result.stderr.strip())
         return result.stdout.strip()
 
     def call(self, method, *arguments, signature=None, timeout=10.0, uid=None):
-        """Calls a method of the daemon and returns its one result, or None when the reply is empty. The arguments are
-        texts unless a signature says otherwise; then they are in busctl's notation."""
+        """Calls a method of the daemon and returns its one result, or None when the reply is empty. The
+        arguments are texts unless a signature says otherwise; then they are in busctl's notation."""
         if signature is None:
             signature = "s" * len(arguments)
         parameters = [signature, *arguments] if signature else []
@@ -100,10 +102,8 @@ class Bus:
     def owner(self, name=SERVICE):
         """The unique name that owns a name, None when nobody does."""
         try:
-            output = self.busctl(
-                "call", "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetNameOwner",
-                "s", name,
-            )  # fmt: skip
+            bus = ("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus")
+            output = self.busctl("call", *bus, "GetNameOwner", "s", name)
         except BusError:
             return None
         return json.loads(output)["data"][0]

@@ -61,7 +61,7 @@ def fifo_path(lxc_path=LXC_PATH):
 
 
 def _as_user(uid, action):
-    """Calls `action` with another effective user id, on a thread of its own: credentials belong to threads."""
+    """Calls `action` with another effective user id, on a thread of its own: they are a thread's."""
     outcome = []
 
     def body():
@@ -150,7 +150,8 @@ def ask_init_pid(root, name, timeout=10.0):
 
 
 def send_messages(root, *messages, lxc_path=LXC_PATH):
-    """Writes into the monitor FIFO as containers do: Messages, or bytes as they are. Fails when nobody reads."""
+    """Writes Messages, or bytes as they are, into the monitor FIFO. Fails, as for containers, when nobody
+    reads."""
     fd = os.open(root.path(fifo_path(lxc_path)), os.O_WRONLY | os.O_NONBLOCK)
     try:
         for message in messages:

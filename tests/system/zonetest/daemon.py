@@ -6,11 +6,12 @@ import subprocess
 
 from . import records
 from .polling import SCALE, eventually, never
-from .root import BUILD, PROJECT, SANITIZE
+from .root import BUILD, SANITIZE
 
 TAIL = 60
-_SANITIZER = re.compile(r"AddressSanitizer|ThreadSanitizer|LeakSanitizer|UndefinedBehaviorSanitizer|runtime error:")
-SUPPRESSIONS = PROJECT / "tests" / "system" / "tsan.supp"
+_SANITIZER = re.compile(
+    r"AddressSanitizer|ThreadSanitizer|LeakSanitizer|UndefinedBehaviorSanitizer|runtime error:"
+)
 
 
 class Daemon:
@@ -30,10 +31,8 @@ class Daemon:
     # Life
 
     def start(self, env=None, wait=None):
-        """Starts the daemon with these environment variables too; with `wait`, waits for a record that matches it."""
+        """Starts the daemon with these environment variables too; with `wait`, waits for such a record."""
         environment = {"ZONE_LOG_TARGET": "console"}
-        if "thread" in SANITIZE and SUPPRESSIONS.exists():
-            environment["TSAN_OPTIONS"] = f"suppressions={SUPPRESSIONS}:second_deadlock_stack=1"
         environment.update(env or {})
         # ThreadSanitizer needs its addresses where they always are.
         prefix = ["setarch", "-R"] if "thread" in SANITIZE else []
@@ -67,7 +66,8 @@ class Daemon:
         try:
             return self.process.wait(timeout)
         except subprocess.TimeoutExpired:
-            raise AssertionError(f"the daemon did not end within {timeout * SCALE:.1f} s\n{self.tail()}") from None
+            message = f"the daemon did not end within {timeout * SCALE:.1f} s\n{self.tail()}"
+            raise AssertionError(message) from None
 
     def stop(self, timeout=20.0):
         """SIGTERM, then the exit status."""
@@ -100,6 +100,11 @@ class Daemon:
         self._read()
         return self._records
 
+    @property
+    def strays(self):
+        """Output that is no record, such as a warning of GLib."""
+        return [line for line in self.lines if line and records.parse(line) is None]
+
     def bodies(self, level=None, after=0):
         """The messages themselves, of one level or of all."""
         return [record.body for record in self.records[after:] if level in (None, record.level)]
@@ -109,8 +114,8 @@ class Daemon:
         return len(self.records)
 
     def find(self, wanted, after=0, level=None):
-        """The first record from `after` on whose body holds the text, or in which the compiled expression is found;
-        None without one."""
+        """The first record from `after` on whose body holds the text, or in which the compiled expression is
+        found; None without one."""
         for record in self.records[after:]:
             if level in (None, record.level) and _matches(wanted, record.body):
                 return record
@@ -127,7 +132,7 @@ class Daemon:
         raise LookupError(record)
 
     def wait_for(self, wanted, timeout=10.0, after=0, level=None):
-        """Waits for a record, by the same rule as `find`. Fails at once when the daemon has ended without it."""
+        """Waits for a record, by the same rule as `find`. Fails at once when the daemon ended without it."""
 
         def found_or_ended():
             ended = not self.running

@@ -13,7 +13,7 @@ class Timeout(AssertionError):
 
 
 def eventually(check, timeout=10.0, what=None, step=STEP):
-    """Calls `check` until it gives something true and returns that; raises Timeout after `timeout` seconds."""
+    """Calls `check` until it gives something true, and returns that; Timeout after `timeout` seconds."""
     deadline = time.monotonic() + timeout * SCALE
     while True:
         result = check()

@@ -102,6 +102,13 @@ def _numbers(pid):
     return [int(number) for number in status.partition("NSpid:")[2].partition("\n")[0].split()]
 
 
+def control_groups_of(supervisor):
+    """The control groups of the root that the process with this id supervises, in all hierarchies."""
+    # Unlike glob, the walk takes it well when other roots' groups vanish under it.
+    name = f"private-root.{supervisor}"
+    return [Path(base, name) for base, directories, _ in os.walk("/sys/fs/cgroup") if name in directories]
+
+
 class PrivateRoot:
     """A private copy of the file system with a network, processes and control groups of its own."""
 
@@ -135,13 +142,18 @@ class PrivateRoot:
             raise
         self.pid = int(pid_file.read_text())
         self.pid_namespace = os.readlink(f"/proc/{self.pid}/ns/pid")
-        self._group = f"/private-root.{self._supervisor.pid}"
+        self._group = f"/private-root.{self.supervisor}"
 
     def __enter__(self):
         return self
 
     def __exit__(self, *_):
         self.close()
+
+    @property
+    def supervisor(self):
+        """Process id of the script that keeps the root."""
+        return self._supervisor.pid
 
     def close(self):
         """Ends everything inside and gives all of it back to the machine."""
@@ -168,8 +180,8 @@ class PrivateRoot:
         return process
 
     def run(self, command, check=True, input=None, timeout=60.0, env=None):
-        """Runs a program inside to its end: a list of arguments, or a text for the shell. Returns a CompletedProcess
-        with texts; with `check`, a status other than 0 fails with what the program printed."""
+        """Runs a program inside to its end: a list of arguments, or a text for the shell. Returns a
+        CompletedProcess with texts; with `check`, a status other than 0 fails with what it printed."""
         arguments = ["sh", "-c", command] if isinstance(command, str) else list(map(str, command))
         process = self.popen(
             arguments,

@@ -16,7 +16,7 @@ class RealZones:
             root.install_built()
 
     def define(self, name, kind="hybrid", auto=False, unlabelled=False):
-        """`scripts/define-zone`; roots do not see each other's containers, so names need not differ between tests."""
+        """`scripts/define-zone`. Tests may use the same names: roots do not see each other's containers."""
         options = [option for option, wanted in (("--auto", auto), ("--unlabelled", unlabelled)) if wanted]
         self.root.run([DEFINE_ZONE, *options, name, str(kind)])
         return name

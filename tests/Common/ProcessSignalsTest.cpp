@@ -1,0 +1,282 @@
+#include "Common/ProcessSignals.h"
+
+#include "tests/support/unit/ChildProcess.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <functional>
+#include <glib.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace ProcessSignals = ZoneCore::ProcessSignals;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using ZoneTest::statusOfChild;
+
+namespace {
+
+volatile sig_atomic_t terminations = 0;
+volatile sig_atomic_t brokenPipes = 0;
+
+void count(int signal)
+{
+    if (signal == SIGTERM) {
+        terminations = terminations + 1;
+    } else {
+        brokenPipes = brokenPipes + 1;
+    }
+}
+
+sigset_t maskOfThisThread()
+{
+    sigset_t mask;
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    return mask;
+}
+
+bool isBlocked(int signal)
+{
+    const sigset_t mask = maskOfThisThread();
+    return sigismember(&mask, signal) == 1;
+}
+
+void block(int signal)
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, signal);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+void setDisposition(int signalNumber, void (*handler)(int))
+{
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    sigaction(signalNumber, &action, nullptr);
+}
+
+void (*dispositionOf(int signalNumber))(int)
+{
+    struct sigaction action = {};
+    sigaction(signalNumber, nullptr, &action);
+    return action.sa_handler;
+}
+
+void sendTo(pid_t process, int signal)
+{
+    ASSERT_EQ(kill(process, signal), 0);
+}
+
+/// Runs a body in a process of its own that counts the SIGTERM and SIGPIPE that get through.
+void inProcessOfItsOwn(const std::function<void()>& body)
+{
+    EXPECT_EQ(statusOfChild([&] {
+                  setDisposition(SIGTERM, count);
+                  setDisposition(SIGPIPE, count);
+                  body();
+              }),
+              0);
+}
+
+} // namespace
+
+TEST(ProcessSignals, HoldBlocksTerminationAndBrokenPipeOnly)
+{
+    inProcessOfItsOwn([] {
+        ProcessSignals::hold();
+        const sigset_t mask = maskOfThisThread();
+        for (int signal = 1; signal < SIGSYS; ++signal) {
+            EXPECT_EQ(sigismember(&mask, signal), signal == SIGTERM || signal == SIGPIPE ? 1 : 0) << signal;
+        }
+    });
+}
+
+TEST(ProcessSignals, ThreadsInheritWhatIsHeld)
+{
+    inProcessOfItsOwn([] {
+        ProcessSignals::hold();
+        std::thread([] {
+            EXPECT_TRUE(isBlocked(SIGTERM));
+            EXPECT_TRUE(isBlocked(SIGPIPE));
+        }).join();
+    });
+}
+
+TEST(ProcessSignals, AHeldTerminationArrivesWhenItIsLetIn)
+{
+    inProcessOfItsOwn([] {
+        ProcessSignals::hold();
+        sendTo(getpid(), SIGTERM);
+        EXPECT_EQ(terminations, 0);
+        ProcessSignals::deliverPending();
+        EXPECT_EQ(terminations, 1);
+        EXPECT_TRUE(isBlocked(SIGTERM));
+        sendTo(getpid(), SIGTERM);
+        EXPECT_EQ(terminations, 1);
+        ProcessSignals::deliverPending();
+        EXPECT_EQ(terminations, 2);
+    });
+}
+
+TEST(ProcessSignals, LettingInWithoutASignalDoesNothing)
+{
+    inProcessOfItsOwn([] {
+        ProcessSignals::hold();
+        ProcessSignals::deliverPending();
+        EXPECT_EQ(terminations, 0);
+    });
+}
+
+TEST(ProcessSignals, LetsNothingInBeforeItHolds)
+{
+    inProcessOfItsOwn([] {
+        block(SIGTERM);
+        sendTo(getpid(), SIGTERM);
+        ProcessSignals::deliverPending();
+        EXPECT_EQ(terminations, 0);
+        EXPECT_TRUE(isBlocked(SIGTERM));
+    });
+}
+
+TEST(ProcessSignals, ABrokenPipeNeverArrives)
+{
+    inProcessOfItsOwn([] {
+        ProcessSignals::hold();
+        std::array<int, 2> ends{};
+        ASSERT_EQ(pipe(ends.data()), 0);
+        close(ends[0]);
+        EXPECT_EQ(write(ends[1], "x", 1), -1);
+        EXPECT_EQ(errno, EPIPE);
+        ProcessSignals::deliverPending();
+        static_cast<void>(ProcessSignals::poll(nullptr, 0, 1));
+        EXPECT_EQ(brokenPipes, 0);
+    });
+}
+
+TEST(ProcessSignalsPoll, LetsATerminationInThatWasHeld)
+{
+    inProcessOfItsOwn([] {
+        ProcessSignals::hold();
+        sendTo(getpid(), SIGTERM);
+        EXPECT_EQ(ProcessSignals::poll(nullptr, 0, 30000), -1);
+        EXPECT_EQ(errno, EINTR);
+        EXPECT_EQ(terminations, 1);
+        EXPECT_TRUE(isBlocked(SIGTERM));
+    });
+}
+
+TEST(ProcessSignalsPoll, LetsATerminationInThatArrivesMeanwhile)
+{
+    inProcessOfItsOwn([] {
+        ProcessSignals::hold();
+        std::thread sender([] {
+            std::this_thread::sleep_for(milliseconds(20));
+            sendTo(getpid(), SIGTERM);
+        });
+        EXPECT_EQ(ProcessSignals::poll(nullptr, 0, -1), -1);
+        EXPECT_EQ(errno, EINTR);
+        EXPECT_EQ(terminations, 1);
+        sender.join();
+        sendTo(getpid(), SIGTERM);
+        EXPECT_EQ(terminations, 1);
+    });
+}
+
+TEST(ProcessSignalsPoll, ReportsWhatIsReady)
+{
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe(ends.data()), 0);
+    ASSERT_EQ(write(ends[1], "x", 1), 1);
+    GPollFD watched{ends[0], G_IO_IN, 0};
+    EXPECT_EQ(ProcessSignals::poll(&watched, 1, -1), 1);
+    EXPECT_EQ(watched.revents, G_IO_IN);
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST(ProcessSignalsPoll, WaitsAsLongAsItWasToldTo)
+{
+    for (const int limit : {0, 30, 1020}) {
+        const auto start = steady_clock::now();
+        EXPECT_EQ(ProcessSignals::poll(nullptr, 0, limit), 0);
+        EXPECT_GE(steady_clock::now() - start, milliseconds(limit));
+        EXPECT_LT(steady_clock::now() - start, milliseconds(limit + 900)) << "instead of " << limit;
+    }
+}
+
+TEST(ProcessSignalsPoll, AMainLoopTakesATerminationBetweenItsCallbacksOnly)
+{
+    inProcessOfItsOwn([] {
+        static GMainLoop* loop = nullptr;
+        loop = g_main_loop_new(nullptr, FALSE);
+        setDisposition(SIGTERM, [](int signal) {
+            count(signal);
+            g_main_loop_quit(loop);
+        });
+        ProcessSignals::hold();
+        g_main_context_set_poll_func(nullptr, ProcessSignals::poll);
+        g_idle_add(
+            [](gpointer) -> gboolean {
+                sendTo(getpid(), SIGTERM);
+                std::this_thread::sleep_for(milliseconds(5));
+                EXPECT_EQ(terminations, 0);
+                return G_SOURCE_REMOVE;
+            },
+            nullptr);
+        g_main_loop_run(loop);
+        EXPECT_EQ(terminations, 1);
+        g_main_loop_unref(loop);
+    });
+}
+
+TEST(ProcessSignalsInChild, HasTheMaskOfBeforeTheHold)
+{
+    inProcessOfItsOwn([] {
+        block(SIGUSR1);
+        ProcessSignals::hold();
+        block(SIGUSR2);
+        ProcessSignals::hold(); // the state before the first one counts
+        EXPECT_EQ(statusOfChild([] {
+                      ProcessSignals::restoreInChild();
+                      EXPECT_TRUE(isBlocked(SIGUSR1));
+                      EXPECT_FALSE(isBlocked(SIGUSR2));
+                      EXPECT_FALSE(isBlocked(SIGTERM));
+                      EXPECT_FALSE(isBlocked(SIGPIPE));
+                  }),
+                  0);
+    });
+}
+
+TEST(ProcessSignalsInChild, ABrokenPipeEndsIt)
+{
+    inProcessOfItsOwn([] {
+        setDisposition(SIGPIPE, SIG_IGN);
+        ProcessSignals::hold();
+        EXPECT_EQ(statusOfChild([] {
+                      ProcessSignals::restoreInChild();
+                      EXPECT_EQ(dispositionOf(SIGPIPE), SIG_DFL);
+                  }),
+                  0);
+    });
+}
+
+TEST(ProcessSignalsInChild, KeepsItsMaskWithoutAHold)
+{
+    inProcessOfItsOwn([] {
+        block(SIGUSR1);
+        setDisposition(SIGPIPE, SIG_IGN);
+        EXPECT_EQ(statusOfChild([] {
+                      ProcessSignals::restoreInChild();
+                      EXPECT_TRUE(isBlocked(SIGUSR1));
+                      EXPECT_FALSE(isBlocked(SIGTERM));
+                      EXPECT_EQ(dispositionOf(SIGPIPE), SIG_DFL);
+                  }),
+                  0);
+    });
+}

@@ -1,0 +1,96 @@
+#include "ZoneCore/ZoneContainerState.h"
+#include "tests/support/unit/LogCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <csignal>
+#include <memory>
+#include <string>
+
+using namespace ZoneCore;
+using testing::ElementsAre;
+using ZoneTest::LogCapture;
+
+namespace {
+
+struct Row
+{
+    int value;
+    ZoneState state;
+    const char* word;
+};
+
+constexpr std::array<Row, 9> ROWS{{
+    {0, NONE, "NONE"},
+    {1, STOPPED, "STOPPED"},
+    {2, STARTING, "STARTING"},
+    {3, RUNNING, "RUNNING"},
+    {4, STOPPING, "STOPPING"},
+    {5, ABORTING, "ABORTING"},
+    {6, FREEZING, "FREEZING"},
+    {7, FROZEN, "FROZEN"},
+    {8, THAWED, "THAWED"},
+}};
+
+class ZoneContainerStateWord : public testing::TestWithParam<Row>
+{
+};
+
+class ZoneContainerStateNoWord : public testing::TestWithParam<const char*>
+{
+};
+
+class ZoneContainerStateNoValue : public testing::TestWithParam<int>
+{
+};
+
+/// What an assertion writes, as a regular expression.
+std::string failedAssertion(const std::string& signature, const std::string& expression)
+{
+    return "source/ZoneCore/ZoneContainerState\\.cpp:[0-9]+: " + signature + ": Assertion .*" + expression;
+}
+
+} // namespace
+
+TEST_P(ZoneContainerStateWord, TranslatesBothWays)
+{
+    const Row& row = GetParam();
+    EXPECT_EQ(static_cast<int>(row.state), row.value);
+    EXPECT_EQ(ZoneContainerState().stateToEnum(row.word), row.state);
+    EXPECT_EQ(ZoneContainerState().stateToString(row.state), row.word);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, ZoneContainerStateWord, testing::ValuesIn(ROWS),
+                         [](const auto& row) { return std::string(row.param.word); });
+
+TEST(ZoneContainerState, LogsItsLifeAroundATranslation)
+{
+    const LogCapture log;
+    EXPECT_EQ(std::make_shared<ZoneContainerState>()->stateToEnum("RUNNING"), RUNNING);
+    EXPECT_THAT(log.texts(), ElementsAre("I ZoneContainerState instance is created",
+                                         "I ZoneContainerState instance is destroyed"));
+}
+
+TEST_P(ZoneContainerStateNoWord, EndsTheProcess)
+{
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_EXIT(static_cast<void>(ZoneContainerState().stateToEnum(GetParam())), testing::KilledBySignal(SIGABRT),
+                failedAssertion("ZoneCore::ZoneState ZoneCore::ZoneContainerState::stateToEnum\\(const "
+                                "(std::)?string&\\)",
+                                "stateToEnumMap\\.find\\(state\\) != stateToEnumMap\\.end\\(\\)"));
+}
+
+INSTANTIATE_TEST_SUITE_P(All, ZoneContainerStateNoWord, testing::Values("", "running", "RUNNING ", "INVALID STATE"));
+
+TEST_P(ZoneContainerStateNoValue, EndsTheProcess)
+{
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    const auto state = static_cast<ZoneState>(GetParam());
+    EXPECT_EXIT(static_cast<void>(ZoneContainerState().stateToString(state)), testing::KilledBySignal(SIGABRT),
+                failedAssertion("std::string ZoneCore::ZoneContainerState::stateToString\\(const "
+                                "(ZoneCore::)?ZoneState&\\)",
+                                "stateToStringMap\\.find\\(state\\) != stateToStringMap\\.end\\(\\)"));
+}
+
+INSTANTIATE_TEST_SUITE_P(All, ZoneContainerStateNoValue, testing::Values(-1, 9));

@@ -1,0 +1,351 @@
+#include "ZoneCore/ZoneManager.h"
+#include "tests/ZoneCore/ZoneFixtures.h"
+#include "tests/support/unit/Eventually.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+using namespace ZoneCore;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using ZoneTest::atThread;
+using ZoneTest::byThread;
+using ZoneTest::eventually;
+using ZoneTest::FakeLxcControl;
+using ZoneTest::LogCapture;
+using ZoneTest::ManagerFixture;
+using ZoneTest::ownTexts;
+using ZoneTest::RegistryFixture;
+
+namespace {
+
+std::string at(const std::string& text)
+{
+    return text + atThread("zone-manager");
+}
+
+std::string by(const std::string& level, const std::string& text)
+{
+    return level + " " + byThread("zone-manager") + text;
+}
+
+/// A manager with a monitor, and two zones of which the second is marked for automatic start.
+class ZoneManagerTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        control.define("alpha", ZUP::ZONE_TYPE_HYBRID);
+        control.define("bravo", ZUP::ZONE_TYPE_HYBRID);
+        control.set("containers/bravo/auto", "1");
+        manager = std::make_unique<ManagerFixture>();
+        manager->setMonitor(ZoneTest::runningMonitor());
+        log.clear();
+    }
+    void TearDown() override
+    {
+        registry.reset();
+        manager.reset();
+    }
+
+    void buildRegistry()
+    {
+        registry = std::make_unique<RegistryFixture>(std::vector<std::string>{"alpha", "bravo"});
+        log.clear();
+    }
+    void stopMonitor() const { manager->setMonitor(new ZoneMonitor); }
+    ZoneManager* get() const { return manager->get(); }
+
+    /// What handling one event writes, without the lines around it.
+    std::vector<std::string> handle(ZoneEventType type, void* data)
+    {
+        auto texts = manager->whileRunning(log, [&] {
+            EXPECT_TRUE(get()->sendEvent(type, NONE, data));
+            log.clear();
+        });
+        EXPECT_GE(texts.size(), 2U);
+        EXPECT_EQ(texts[0], at("I [GSource Name : ZoneManagerEvent] Dispatch the event"));
+        EXPECT_EQ(texts[1], at("I Dispatch the event"));
+        texts.erase(texts.begin(), texts.begin() + 2);
+        return texts;
+    }
+    /// Ends one zone's thread and waits for it.
+    void end(const std::string& name)
+    {
+        Zone* zone = (*registry)->getZone(name);
+        zone->terminate();
+        ASSERT_TRUE(eventually([&] { return !zone->isRunning(); }));
+        log.clear();
+    }
+
+    LogCapture log;
+    FakeLxcControl control;
+    std::unique_ptr<ManagerFixture> manager;
+    std::unique_ptr<RegistryFixture> registry;
+};
+
+constexpr const char* MONITOR_STOPPED = "Monitor Thread is not running";
+
+} // namespace
+
+// Life.
+
+TEST(ZoneManagerSingleton, IsMadeOnFirstUse)
+{
+    LogCapture log;
+    auto* first = ZoneManager::singleton();
+    EXPECT_EQ(ZoneManager::singleton(), first);
+    EXPECT_EQ(first->groupController, nullptr);
+    EXPECT_EQ(first->zoneMonitor, nullptr);
+    EXPECT_EQ(first->dbusInterface.load(), nullptr);
+    EXPECT_THAT(log.texts(), ElementsAre("I Thread is created", "I zone manager instance is created",
+                                         "I Singletone object of Zone Manager is created..."));
+    log.clear();
+    ZoneManager::deleteSingleton();
+    EXPECT_EQ(log.texts().front(), "I zone manager instance is destroyed");
+    EXPECT_THAT(log.texts().back(), HasSubstr("Thread is destroyed"));
+}
+
+TEST_F(ZoneManagerTest, ReplacesItsEventSource)
+{
+    EXPECT_TRUE(get()->attachEventSource());
+    const std::string where = "(thread name : zone-manager, thread id : " + std::to_string(currentThreadId()) + ")";
+    EXPECT_THAT(log.texts(), ElementsAre("W [ZoneManager] event source is already created" + where,
+                                         "I release the event source from the main context" + where));
+    // One source is left: an event is handled once.
+    EXPECT_THAT(handle(eZONE_EVENT_START, nullptr), ElementsAre(at("E event type is invalid")));
+}
+
+// Sending.
+
+TEST_F(ZoneManagerTest, TakesNoEventBeforeItsLoopRuns)
+{
+    EXPECT_FALSE(get()->sendEvent(eZONE_EVENT_CHECK_AUTO_START, NONE, nullptr));
+    EXPECT_THAT(log.texts(), ElementsAre(by("E", "ZoneManager is not running")));
+}
+
+TEST_F(ZoneManagerTest, ReportsAQueueThatIsMissing)
+{
+    get()->destroyEventQueue();
+    std::string payload = "alpha"; // stays the caller's
+    const auto texts = manager->whileRunning(
+        log, [&] { EXPECT_FALSE(get()->sendEvent(eZONE_EVENT_RESTART, NONE, &payload)); });
+    EXPECT_THAT(texts, ElementsAre(HasSubstr("The event queue is not created"),
+                                   by("E", "Failed to send the zone event(7) for ZoneManager")));
+}
+
+TEST_F(ZoneManagerTest, TellsThatAnEventIsQueued)
+{
+    std::vector<std::string> texts;
+    static_cast<void>(manager->whileRunning(log, [&] {
+        EXPECT_TRUE(get()->sendEvent(eZONE_EVENT_WATCHDOG, NONE, nullptr));
+        texts = ownTexts(log);
+    }));
+    EXPECT_THAT(texts, ElementsAre(HasSubstr("the zone event is sent to zone-manager thread"),
+                                   by("I", "zone event(9) is sent to Zone Manager")));
+}
+
+// Events.
+
+TEST_F(ZoneManagerTest, DropsARestartWithoutAName)
+{
+    EXPECT_THAT(handle(eZONE_EVENT_RESTART, nullptr), ElementsAre(at("I receive the event - ZONE RESTART"),
+                                                                  at("I event object(zonename) is null")));
+}
+
+TEST_F(ZoneManagerTest, RestartsAZone)
+{
+    buildRegistry();
+    EXPECT_THAT(handle(eZONE_EVENT_RESTART, new std::string("alpha")),
+                ElementsAre(at("I receive the event - ZONE RESTART"), HasSubstr("the zone event is sent to alpha"),
+                            "I zone event(1) is sent (zone name : alpha)",
+                            at("I Restart event for alpha is sent")));
+}
+
+TEST_F(ZoneManagerTest, ReportsARestartThatFails)
+{
+    buildRegistry();
+    EXPECT_THAT(handle(eZONE_EVENT_RESTART, new std::string("nobody")),
+                ElementsAre(at("I receive the event - ZONE RESTART"), "I There is no \"nobody\" object",
+                            "E Can not find zone object (zone name : nobody)",
+                            by("E", "Failed to send start event for zone(nobody)"),
+                            at("E Failed to start nobody")));
+}
+
+TEST_F(ZoneManagerTest, ChecksTheAutomaticStart)
+{
+    buildRegistry();
+    const auto texts = handle(eZONE_EVENT_CHECK_AUTO_START, nullptr);
+    EXPECT_EQ(texts.front(), at("I receive the event - CHECK AUTO START ZONE"));
+    EXPECT_EQ(texts.back(), at("I Requested to check auto start zone"));
+    EXPECT_TRUE((*registry)->getZone("bravo")->autoStartRequested.load());
+}
+
+TEST_F(ZoneManagerTest, ReportsACheckThatFails)
+{
+    stopMonitor();
+    EXPECT_THAT(handle(eZONE_EVENT_CHECK_AUTO_START, nullptr),
+                ElementsAre(at("I receive the event - CHECK AUTO START ZONE"), by("E", MONITOR_STOPPED),
+                            at("E Failed to request to check auto start zone")));
+}
+
+TEST_F(ZoneManagerTest, DropsAnUnknownKind)
+{
+    for (const ZoneEventType type : {eZONE_EVENT_START, eZONE_EVENT_CHANGE_STATE, eZONE_EVENT_WATCHDOG}) {
+        EXPECT_THAT(handle(type, nullptr), ElementsAre(at("E event type is invalid")));
+    }
+}
+
+// Requests.
+
+TEST_F(ZoneManagerTest, AsksNothingWhileNobodyListens)
+{
+    buildRegistry();
+    stopMonitor();
+    log.clear();
+    ZUP::LXCAttachCommand command{};
+    EXPECT_FALSE(get()->startZone("alpha"));
+    EXPECT_FALSE(get()->stopZone("alpha"));
+    EXPECT_FALSE(get()->unfreezeZone("alpha"));
+    EXPECT_FALSE(get()->zoneAttach("alpha", &command));
+    const std::string line = by("E", std::string(MONITOR_STOPPED) + "(target zone : alpha)");
+    EXPECT_THAT(ownTexts(log), ElementsAre(line, line, line, line));
+    log.clear();
+    EXPECT_FALSE(get()->startAutoStartZones());
+    EXPECT_THAT(ownTexts(log), ElementsAre(by("E", MONITOR_STOPPED)));
+}
+
+TEST_F(ZoneManagerTest, QueuesRequests)
+{
+    buildRegistry();
+    ZUP::LXCAttachCommand command{};
+    const auto expectSent = [this](int type) {
+        EXPECT_THAT(ownTexts(log), ElementsAre(HasSubstr("the zone event is sent to alpha"),
+                                               "I zone event(" + std::to_string(type) + ") is sent (zone name : alpha)"));
+        log.clear();
+    };
+    EXPECT_TRUE(get()->startZone("alpha"));
+    expectSent(1);
+    EXPECT_TRUE(get()->stopZone("alpha"));
+    expectSent(2);
+    EXPECT_TRUE(get()->unfreezeZone("alpha"));
+    expectSent(4);
+    EXPECT_TRUE(get()->zoneAttach("alpha", &command));
+    expectSent(5);
+}
+
+TEST_F(ZoneManagerTest, ReportsRequestsThatAreNotDelivered)
+{
+    buildRegistry();
+    end("alpha");
+    ZUP::LXCAttachCommand command{};
+    const auto expectFailed = [this](const std::string& word) {
+        EXPECT_EQ(ownTexts(log).back(), by("E", "Failed to send " + word + " event for zone(alpha)"));
+        log.clear();
+    };
+    EXPECT_FALSE(get()->startZone("alpha"));
+    expectFailed("start");
+    EXPECT_FALSE(get()->stopZone("alpha"));
+    expectFailed("stop");
+    EXPECT_FALSE(get()->unfreezeZone("alpha"));
+    expectFailed("unfreeze");
+    EXPECT_FALSE(get()->zoneAttach("alpha", &command));
+    expectFailed("attach");
+}
+
+// The start-up timer.
+
+TEST_F(ZoneManagerTest, ChecksAgainWithoutAManager)
+{
+    EXPECT_TRUE(ZoneManager::threadRunningCheckCallback(nullptr));
+    EXPECT_THAT(log.texts(), ElementsAre("E [Main Thread] ZoneManager is null"));
+}
+
+TEST_F(ZoneManagerTest, ChecksAgainUntilTheMonitorRuns)
+{
+    stopMonitor();
+    log.clear();
+    EXPECT_TRUE(ZoneManager::threadRunningCheckCallback(get()));
+    EXPECT_THAT(log.texts(), ElementsAre(at("I [Main Thread] ZoneMonitor thread is not initialized yet")));
+}
+
+TEST_F(ZoneManagerTest, ChecksAgainUntilEveryZoneThreadRuns)
+{
+    buildRegistry();
+    end("alpha");
+    for (int tick = 0; tick < 2; ++tick) {
+        log.clear();
+        EXPECT_TRUE(ZoneManager::threadRunningCheckCallback(get()));
+        EXPECT_THAT(ownTexts(log), ElementsAre("E The thread \"alpha\" is not running yet (1 / 2)",
+                                               at("I [Main Thread] Zone Threads are not initialized yet")));
+    }
+    EXPECT_FALSE((*registry)->getZone("bravo")->autoStartRequested.load());
+}
+
+TEST_F(ZoneManagerTest, EndsTheCheckWithTheFirstSuccessfulPass)
+{
+    control.set("containers/alpha/auto", "1");
+    buildRegistry();
+    EXPECT_FALSE(ZoneManager::threadRunningCheckCallback(get()));
+    EXPECT_EQ(ownTexts(log).back(), at("I [Main Thread] thread running check timer is terminated"));
+    EXPECT_TRUE((*registry)->getZone("alpha")->autoStartRequested.load());
+    EXPECT_FALSE((*registry)->getZone("bravo")->autoStartRequested.load());
+    // The second comes up when the first has reported that it runs.
+    static_cast<void>(handle(eZONE_EVENT_CHECK_AUTO_START, nullptr));
+    EXPECT_TRUE((*registry)->getZone("bravo")->autoStartRequested.load());
+}
+
+TEST_F(ZoneManagerTest, ChecksAgainAfterAPassThatFailed)
+{
+    // The thread ends in the middle of the pass, when every thread has been seen running: a queue that is gone
+    // makes the same failure without a race.
+    buildRegistry();
+    Zone* zone = (*registry)->getZone("bravo");
+    zone->terminate();
+    ASSERT_TRUE(eventually([&] { return !zone->isRunning(); }));
+    log.clear();
+    EXPECT_FALSE(get()->startAutoStartZones());
+    EXPECT_THAT(ownTexts(log),
+                Contains("E Failed to send eZONE_EVENT_START(auto start) event to \"bravo\" (2 / 2)"));
+    EXPECT_FALSE(zone->autoStartRequested.load());
+}
+
+// The end.
+
+TEST_F(ZoneManagerTest, EndsEveryLoop)
+{
+    buildRegistry();
+    const auto texts = manager->whileRunning(log, [&] { get()->terminateMainloop(); });
+    EXPECT_THAT(ownTexts(log), Contains("I The mainloop of thread is terminated (thread name : alpha)"));
+    EXPECT_THAT(ownTexts(log), Contains("I The mainloop of thread is terminated (thread name : bravo)"));
+    EXPECT_THAT(ownTexts(log), Contains(by("I", "The mainloop of thread zone-manager is terminated")));
+    EXPECT_FALSE(get()->zoneMonitor->isRunning());
+    EXPECT_FALSE(get()->isRunning());
+    EXPECT_THAT(texts, IsEmpty()); // nothing is dispatched any more
+}
+
+TEST_F(ZoneManagerTest, DoesNotRunWithoutALoop)
+{
+    manager.reset();
+    auto* bare = ZoneManager::singleton();
+    log.clear();
+    EXPECT_FALSE(bare->run());
+    EXPECT_THAT(log.texts(), ElementsAre("E [:" + std::to_string(currentThreadId()) +
+                                         "] the main loop of main thread is invalid"));
+    ZoneManager::deleteSingleton();
+}
+
+TEST_F(ZoneManagerTest, HasNothingToDestroyWithoutAMonitor)
+{
+    manager->setMonitor(nullptr);
+    log.clear();
+    EXPECT_TRUE(get()->closeMonitorGate());
+    get()->destroyZoneMonitor();
+    EXPECT_THAT(log.texts(), IsEmpty());
+}

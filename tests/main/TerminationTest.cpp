@@ -1,0 +1,40 @@
+#include "main/Termination.h"
+
+#include "tests/support/unit/LogCapture.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <csignal>
+
+using testing::StartsWith;
+using ZoneTest::IsRecord;
+using ZoneTest::LogCapture;
+
+TEST(Termination, NamesTheSignalFirst)
+{
+    const LogCapture log;
+    handle_termination_signal(SIGTERM);
+    const auto records = log.records();
+    ASSERT_FALSE(records.empty());
+    EXPECT_THAT(records.front(), IsRecord('F', "[Main Thread] received \"Terminated\" signal : 15"));
+    EXPECT_EQ(records.front().function, "handle_termination_signal");
+    EXPECT_EQ(records.front().colour, "01;35;40");
+}
+
+TEST(Termination, LeavesTheInterruptedErrorNumber)
+{
+    const LogCapture log;
+    errno = 4711;
+    handle_termination_signal(SIGTERM);
+    EXPECT_EQ(errno, 4711);
+}
+
+TEST(Termination, MayArriveBeforeAnythingRunsAndAgain)
+{
+    const LogCapture log;
+    handle_termination_signal(SIGTERM);
+    handle_termination_signal(SIGTERM);
+    EXPECT_EQ(testing::Value(log.texts(), testing::Not(testing::Contains(StartsWith("E ")))), true);
+}
