@@ -283,8 +283,9 @@ bool isContainerName(std::string_view name)
 /// What the tools and the waiting need of this process, whatever the caller left to it.
 void prepareProcess()
 {
-    umask(022);                                       // the daemon runs with 0
-    static_cast<void>(std::signal(SIGCHLD, SIG_DFL)); // ignored, the tools' exit statuses would be lost
+    umask(022); // the daemon runs with 0
+    // Ignored, the tools' exit statuses would be lost.
+    static_cast<void>(std::signal(SIGCHLD, SIG_DFL));
     sigset_t childEnds;
     sigemptyset(&childEnds);
     sigaddset(&childEnds, SIGCHLD);

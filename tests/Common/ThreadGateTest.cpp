@@ -89,12 +89,26 @@ TEST(ThreadGatePass, ConcernsTheGateOfItsOwnThreadOnly)
     ThreadGate closed;
     ThreadGate open;
     ASSERT_TRUE(closed.close());
+    std::latch guarded(1);
+    std::latch otherIsDone(1);
+    std::thread thread([&] {
+        closed.guardThisThread();
+        guarded.count_down();
+        otherIsDone.wait();
+        const ThreadGate::Pass pass;
+        EXPECT_FALSE(pass);
+    });
+    guarded.wait();
     std::thread([&] {
         open.guardThisThread();
         const ThreadGate::Pass pass;
         EXPECT_TRUE(pass);
     }).join();
+    otherIsDone.count_down();
+    thread.join();
     EXPECT_TRUE(open.close());
+    const ThreadGate::Pass pass;
+    EXPECT_TRUE(pass) << "this thread has no gate";
 }
 
 TEST(ThreadGatePass, IsHeldByAThreadInTheMiddleOfACallback)

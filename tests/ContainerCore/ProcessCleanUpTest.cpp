@@ -7,12 +7,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
+#include <dlfcn.h>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <thread>
@@ -39,6 +41,7 @@ namespace {
 /// clean-up does not end this program.
 std::vector<std::pair<pid_t, int>> signals;
 bool signalsAreLost = false;
+bool filesCannotBeOpened = false;
 /// Sleeps that were asked for, in microseconds.
 std::vector<useconds_t> sleeps;
 bool sleepsAreSkipped = true;
@@ -60,6 +63,16 @@ int kill(pid_t pid, int signal) noexcept
         return 0;
     }
     return static_cast<int>(syscall(SYS_kill, pid, signal));
+}
+
+std::FILE* fopen(const char* path, const char* mode)
+{
+    if (filesCannotBeOpened) {
+        errno = EMFILE;
+        return nullptr;
+    }
+    using Function = std::FILE* (*)(const char*, const char*);
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, "fopen"))(path, mode);
 }
 
 int usleep(useconds_t microseconds)
@@ -109,6 +122,7 @@ protected:
     ~ProcessCleanUp() override
     {
         signalsAreLost = false;
+        filesCannotBeOpened = false;
         std::error_code ignored;
         std::filesystem::remove(pidFile, ignored);
         for (auto directory = madeDirectories.rbegin(); directory != madeDirectories.rend(); ++directory) {
@@ -252,12 +266,8 @@ TEST_F(ProcessCleanUp, LeavesThePidFileInPlace)
 TEST_F(ProcessCleanUp, ReportsFilesThatCannotBeOpened)
 {
     writeFile(pidFile, "4711\n");
-    rlimit before{};
-    getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit none{0, before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
+    filesCannotBeOpened = true;
     cleanUp();
-    setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_THAT(log.texts(),
                 ElementsAre("E Failed to open pid path - \"" + pidFile + "\" - \"Too many open files\"",
                             "E Failed to open \"/proc/self/cgroup\""));

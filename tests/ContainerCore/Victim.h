@@ -2,6 +2,7 @@
 
 #include "tests/support/unit/Eventually.h"
 
+#include <chrono>
 #include <csignal>
 #include <string>
 #include <sys/prctl.h>
@@ -43,8 +44,11 @@ public:
                WTERMSIG(status) == SIGKILL;
     }
 
-    /// Whether it is there at this moment.
-    [[nodiscard]] bool isAlive() { return !hasEnded(); }
+    /// Whether it is there, and stays there for longer than SIGKILL would take.
+    [[nodiscard]] bool isAlive()
+    {
+        return !eventually([this] { return hasEnded(); }, std::chrono::milliseconds(30));
+    }
 
 private:
     bool hasEnded()

@@ -11,8 +11,8 @@ class EnforcedWritableTest : public ZoneKindTest<Words>
 protected:
     [[nodiscard]] static std::string access(const std::string& level, const std::string& text)
     {
-        return ZoneKindTest<Words>::by(level, "Access Level of " + ZoneKindTest<Words>::word() + " Zone(RW) is " + text +
-                                                  "(ref count : 1)");
+        return ZoneKindTest<Words>::by(level, "Access Level of " + ZoneKindTest<Words>::word() +
+                                                  " Zone(RW) is " + text + "(ref count : 1)");
     }
 };
 
@@ -22,9 +22,9 @@ TYPED_TEST_P(EnforcedWritableTest, KeepsTheWantedLabel)
 {
     this->makeLabelled(this->writable, "System");
     EXPECT_TRUE(this->zone->checkRWZoneSmackLabel(this->writable, "System"));
-    EXPECT_THAT(this->log.texts(),
-                testing::ElementsAre(this->createdLine(this->writable),
-                                     this->access("I", "permitted...[" + this->writable + " / System == System]")));
+    EXPECT_THAT(this->log.texts(), testing::ElementsAre(this->createdLine(this->writable),
+                                                        this->access("I", "permitted...[" + this->writable +
+                                                                              " / System == System]")));
 }
 
 TYPED_TEST_P(EnforcedWritableTest, SetsAnotherLabel)
@@ -45,12 +45,13 @@ TYPED_TEST_P(EnforcedWritableTest, MakesAMissingDirectoryThatNeedsAFirstLabelWit
     struct stat status = {};
     ASSERT_EQ(stat(this->writable.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, 0755U);
-    EXPECT_THAT(this->log.texts(),
-                testing::ElementsAre(
-                    this->missingLine(this->writable), this->createdLine(this->writable),
-                    "E Failed to get smack label of \"" + this->writable + "\" - \"No data available\"",
-                    "E Failed to get smack label of \"" + this->writable + "\"(\"System\") - \"No data available\"",
-                    this->access("E", "not permitted...[" + this->writable + " != System]")));
+    EXPECT_THAT(
+        this->log.texts(),
+        testing::ElementsAre(
+            this->missingLine(this->writable), this->createdLine(this->writable),
+            "E Failed to get smack label of \"" + this->writable + "\" - \"No data available\"",
+            "E Failed to get smack label of \"" + this->writable + "\"(\"System\") - \"No data available\"",
+            this->access("E", "not permitted...[" + this->writable + " != System]")));
 }
 
 TYPED_TEST_P(EnforcedWritableTest, ReportsADirectoryThatCannotBeMade)
@@ -58,11 +59,11 @@ TYPED_TEST_P(EnforcedWritableTest, ReportsADirectoryThatCannotBeMade)
     const std::string deep = this->writable + "/deep";
     EXPECT_FALSE(this->zone->checkRWZoneSmackLabel(deep, "System"));
     EXPECT_THAT(this->log.texts(),
-                testing::ElementsAre(this->missingLine(deep),
-                                     "E Failed to create the container path(" + deep +
-                                         ") - \"No such file or directory\"",
-                                     this->by("E", "Failed to create RW path of " + this->word() + " Zone(RW)..." +
-                                                       this->inBrackets(deep) + "(ref count : 1)")));
+                testing::ElementsAre(
+                    this->missingLine(deep),
+                    "E Failed to create the container path(" + deep + ") - \"No such file or directory\"",
+                    this->by("E", "Failed to create RW path of " + this->word() + " Zone(RW)..." +
+                                      this->inBrackets(deep) + "(ref count : 1)")));
 }
 
 TYPED_TEST_P(EnforcedWritableTest, LabelsBothWritableDirectoriesOfAZone)

@@ -31,8 +31,8 @@ TEST_F(HybridZoneTest, OnlyTellsTheLabelOfAWritableDirectory)
     EXPECT_EQ(labelOf(writable), "Whatever");
     EXPECT_THAT(log.texts(),
                 testing::ElementsAre(createdLine(writable),
-                                     by("I", "\"alpha\" is Hybrid Zone...It is permitted...[rw path : " + writable +
-                                                 " / Whatever - wanted](ref count : 1)")));
+                                     by("I", "\"alpha\" is Hybrid Zone...It is permitted...[rw path : " +
+                                                 writable + " / Whatever - wanted](ref count : 1)")));
 }
 
 TEST_F(HybridZoneTest, MakesAMissingWritableDirectoryWithoutALabel)
@@ -44,11 +44,12 @@ TEST_F(HybridZoneTest, MakesAMissingWritableDirectoryWithoutALabel)
     ASSERT_EQ(stat(writable.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, 0755U);
     EXPECT_EQ(labelOf(writable), "(none)");
-    EXPECT_THAT(log.texts(),
-                testing::ElementsAre(missingLine(writable), createdLine(writable),
-                                     "E Failed to get smack label of \"" + writable + "\" - \"No data available\"",
-                                     by("I", "\"alpha\" is Hybrid Zone...It is permitted...[rw path : " + writable +
-                                                 " /  - wanted](ref count : 1)")));
+    EXPECT_THAT(
+        log.texts(),
+        testing::ElementsAre(missingLine(writable), createdLine(writable),
+                             "E Failed to get smack label of \"" + writable + "\" - \"No data available\"",
+                             by("I", "\"alpha\" is Hybrid Zone...It is permitted...[rw path : " + writable +
+                                         " /  - wanted](ref count : 1)")));
 }
 
 TEST_F(HybridZoneTest, ReportsAWritableDirectoryThatCannotBeMade)
@@ -56,10 +57,10 @@ TEST_F(HybridZoneTest, ReportsAWritableDirectoryThatCannotBeMade)
     const std::string deep = writable + "/deep";
     EXPECT_FALSE(zone->checkRWZoneSmackLabel(deep, "wanted"));
     EXPECT_THAT(log.texts(),
-                testing::ElementsAre(missingLine(deep),
-                                     "E Failed to create the container path(" + deep +
-                                         ") - \"No such file or directory\"",
-                                     by("E", "Failed to create RW path of Hybrid Zone(RW)...[rw path : " + deep + "]")));
+                testing::ElementsAre(
+                    missingLine(deep),
+                    "E Failed to create the container path(" + deep + ") - \"No such file or directory\"",
+                    by("E", "Failed to create RW path of Hybrid Zone(RW)...[rw path : " + deep + "]")));
 }
 
 TEST_F(HybridZoneTest, PermitsAZoneOfAnyLabels)

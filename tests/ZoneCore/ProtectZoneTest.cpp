@@ -30,9 +30,10 @@ INSTANTIATE_TYPED_TEST_SUITE_P(ProtectZone, EnforcedWritableTest, Words);
 TEST_F(ProtectZoneTest, ReadsTheLabelOfAMissingRootFirst)
 {
     EXPECT_FALSE(zone->checkROZoneSmackLabel(root, "!"));
-    EXPECT_THAT(log.texts(), testing::ElementsAre(
-                                 "E Failed to get smack label of \"" + root + "\" - \"No such file or directory\"",
-                                 by("E", "There is no read-only path(" + root + ")...[ / !]" + COUNTED)));
+    EXPECT_THAT(log.texts(),
+                testing::ElementsAre("E Failed to get smack label of \"" + root +
+                                         "\" - \"No such file or directory\"",
+                                     by("E", "There is no read-only path(" + root + ")...[ / !]" + COUNTED)));
 }
 
 TEST_F(ProtectZoneTest, KeepsTheWantedLabelOfARootThatCannotBeWritten)
@@ -62,19 +63,20 @@ TEST_F(ProtectZoneTest, LabelsItsRoot)
     EXPECT_THAT(log.texts(),
                 testing::ElementsAre("I \"" + root + "\" smack label is \"_\"(1)",
                                      "I \"" + root + "\" smack label is changed to \"!\" successfully",
-                                     by("I", "Access Level of Protection Zone(RO) is set successfully...[" + root +
-                                                 " => !]" + COUNTED)));
+                                     by("I", "Access Level of Protection Zone(RO) is set successfully...[" +
+                                                 root + " => !]" + COUNTED)));
 }
 
 TEST_F(ProtectZoneTest, RefusesARootWithoutALabel)
 {
     std::filesystem::create_directories(root);
     EXPECT_FALSE(zone->checkROZoneSmackLabel(root, "!"));
-    EXPECT_THAT(log.texts(),
-                testing::ElementsAre("E Failed to get smack label of \"" + root + "\" - \"No data available\"",
-                                     "E Failed to get smack label of \"" + root + "\"(\"!\") - \"No data available\"",
-                                     by("E", "Access Level of Protection Zone(RO) is not permitted...[" + root +
-                                                 " != !]" + COUNTED)));
+    EXPECT_THAT(
+        log.texts(),
+        testing::ElementsAre(
+            "E Failed to get smack label of \"" + root + "\" - \"No data available\"",
+            "E Failed to get smack label of \"" + root + "\"(\"!\") - \"No data available\"",
+            by("E", "Access Level of Protection Zone(RO) is not permitted...[" + root + " != !]" + COUNTED)));
 }
 
 TEST_F(ProtectZoneTest, StopsAtARootThatIsRefused)

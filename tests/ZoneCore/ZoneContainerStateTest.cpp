@@ -34,16 +34,13 @@ constexpr std::array<Row, 9> ROWS{{
 }};
 
 class ZoneContainerStateWord : public testing::TestWithParam<Row>
-{
-};
+{};
 
 class ZoneContainerStateNoWord : public testing::TestWithParam<const char*>
-{
-};
+{};
 
 class ZoneContainerStateNoValue : public testing::TestWithParam<int>
-{
-};
+{};
 
 /// What an assertion writes, as a regular expression.
 std::string failedAssertion(const std::string& signature, const std::string& expression)
@@ -75,19 +72,22 @@ TEST(ZoneContainerState, LogsItsLifeAroundATranslation)
 TEST_P(ZoneContainerStateNoWord, EndsTheProcess)
 {
     testing::FLAGS_gtest_death_test_style = "threadsafe";
-    EXPECT_EXIT(static_cast<void>(ZoneContainerState().stateToEnum(GetParam())), testing::KilledBySignal(SIGABRT),
+    EXPECT_EXIT(static_cast<void>(ZoneContainerState().stateToEnum(GetParam())),
+                testing::KilledBySignal(SIGABRT),
                 failedAssertion("ZoneCore::ZoneState ZoneCore::ZoneContainerState::stateToEnum\\(const "
                                 "(std::)?string&\\)",
                                 "stateToEnumMap\\.find\\(state\\) != stateToEnumMap\\.end\\(\\)"));
 }
 
-INSTANTIATE_TEST_SUITE_P(All, ZoneContainerStateNoWord, testing::Values("", "running", "RUNNING ", "INVALID STATE"));
+INSTANTIATE_TEST_SUITE_P(All, ZoneContainerStateNoWord,
+                         testing::Values("", "running", "RUNNING ", "INVALID STATE"));
 
 TEST_P(ZoneContainerStateNoValue, EndsTheProcess)
 {
     testing::FLAGS_gtest_death_test_style = "threadsafe";
     const auto state = static_cast<ZoneState>(GetParam());
-    EXPECT_EXIT(static_cast<void>(ZoneContainerState().stateToString(state)), testing::KilledBySignal(SIGABRT),
+    EXPECT_EXIT(static_cast<void>(ZoneContainerState().stateToString(state)),
+                testing::KilledBySignal(SIGABRT),
                 failedAssertion("std::string ZoneCore::ZoneContainerState::stateToString\\(const "
                                 "(ZoneCore::)?ZoneState&\\)",
                                 "stateToStringMap\\.find\\(state\\) != stateToStringMap\\.end\\(\\)"));

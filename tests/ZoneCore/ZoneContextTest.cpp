@@ -128,7 +128,8 @@ TEST_F(ZoneContextTest, SkipsAContainerThatMakesNoZone)
                                               std::string("E Failed to create Zone Object - bravo[1]"),
                                               std::string("I \"charlie\" is added to Zone Context!")}));
     EXPECT_EQ(texts[texts.size() - 2], "I Zone count is set to [3 / 2]");
-    EXPECT_EQ(texts.back(), "I Zone Context is created successfully (lxc base path : /zone-test, zone count : 3)");
+    EXPECT_EQ(texts.back(),
+              "I Zone Context is created successfully (lxc base path : /zone-test, zone count : 3)");
     EXPECT_EQ(context->getLxcBasePath(), "/zone-test");
 }
 
@@ -275,8 +276,9 @@ TEST_F(FilledZoneContextTest, EndsEveryThread)
 {
     EXPECT_TRUE(context()->terminateAllZoneThread());
     for (const char* name : {"alpha", "bravo", "charlie"}) {
-        EXPECT_THAT(ownTexts(log), Contains(std::string("I The mainloop of thread is terminated (thread name : ") +
-                                            name + ")"));
+        EXPECT_THAT(
+            ownTexts(log),
+            Contains(std::string("I The mainloop of thread is terminated (thread name : ") + name + ")"));
         const Zone* zone = context()->getZone(name);
         EXPECT_TRUE(eventually([&] { return !zone->isRunning(); }));
     }

@@ -79,16 +79,13 @@ struct KindRow
 };
 
 class ZoneFactoryKind : public ZoneFactoryTest, public testing::WithParamInterface<KindRow>
-{
-};
+{};
 
 class ZoneFactoryNoKind : public ZoneFactoryTest, public testing::WithParamInterface<const char*>
-{
-};
+{};
 
 class ZoneFactoryNoAutoStart : public ZoneFactoryTest, public testing::WithParamInterface<std::string>
-{
-};
+{};
 
 } // namespace
 
@@ -106,12 +103,12 @@ TEST_P(ZoneFactoryKind, MakesAZoneOfTheKind)
     const ZonePtr zone = make();
     ASSERT_NE(zone, nullptr);
     EXPECT_EQ(zone->getZoneType(), row.type);
-    EXPECT_THAT(log.texts(),
-                testing::IsSupersetOf(
-                    {std::string("I ") + row.word + "Zone object is created...[type : " + std::to_string(row.type) + "]",
-                     "I [Zone Name : alpha] / [Zone Base Path : /zone-test] / [Zone Type : " +
-                         std::to_string(row.type) + "]",
-                     std::string("I Start the zone thread for \"alpha\"")}));
+    EXPECT_THAT(log.texts(), testing::IsSupersetOf(
+                                 {std::string("I ") + row.word +
+                                      "Zone object is created...[type : " + std::to_string(row.type) + "]",
+                                  "I [Zone Name : alpha] / [Zone Base Path : /zone-test] / [Zone Type : " +
+                                      std::to_string(row.type) + "]",
+                                  std::string("I Start the zone thread for \"alpha\"")}));
     EXPECT_EQ(ZoneTest::labelOf("/zone-test/alpha"), row.label);
 }
 
@@ -198,8 +195,9 @@ TEST_F(ZoneFactoryTest, RefusesAContainerWithoutAReference)
 {
     container("get_fails");
     EXPECT_EQ(make(), nullptr);
-    EXPECT_THAT(log.texts(), testing::IsSupersetOf({std::string("E Failed to get the container reference...alpha"),
-                                                    std::string("I thread count of container...[1]")}));
+    EXPECT_THAT(log.texts(),
+                testing::IsSupersetOf({std::string("E Failed to get the container reference...alpha"),
+                                       std::string("I thread count of container...[1]")}));
     EXPECT_EQ(lastReferenceCall(), "lxc_container_put alpha 0 -");
 }
 
@@ -207,8 +205,9 @@ TEST_F(ZoneFactoryTest, RefusesAContainerWithoutARootFileSystem)
 {
     control.remove("containers/alpha/rootfs");
     EXPECT_EQ(make(), nullptr);
-    EXPECT_THAT(log.texts(), testing::IsSupersetOf({std::string("E Failed to get \"lxc.rootfs\" value...alpha"),
-                                                    std::string("I Zone object is destroyed(zone name : alpha)")}));
+    EXPECT_THAT(log.texts(),
+                testing::IsSupersetOf({std::string("E Failed to get \"lxc.rootfs\" value...alpha"),
+                                       std::string("I Zone object is destroyed(zone name : alpha)")}));
     EXPECT_THAT(log.texts(), Not(Contains(HasSubstr("Start the zone thread"))));
     EXPECT_EQ(lastReferenceCall(), "lxc_container_put alpha 0 -"); // both references
 }

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <stdexcept>
+#include <sys/mount.h>
 #include <sys/xattr.h>
 #include <utility>
 
@@ -26,7 +27,8 @@ constexpr const char* LAUNCHER = "/zone/config/zone-launcher";
 void requirePrivateRoot()
 {
     if (!fs::exists("/run/.private-root")) {
-        std::fputs("These tests change system directories: run them by way of scripts/private-root.\n", stderr);
+        std::fputs("These tests change system directories: run them by way of scripts/private-root.\n",
+                   stderr);
         std::exit(EXIT_FAILURE);
     }
 }
@@ -51,6 +53,17 @@ std::string labelOf(const fs::path& path)
     }
     label.resize(static_cast<std::size_t>(length));
     return label;
+}
+
+ReadOnlyMount::ReadOnlyMount(std::string directory) : target(std::move(directory))
+{
+    EXPECT_EQ(mount(target.c_str(), target.c_str(), nullptr, MS_BIND, nullptr), 0);
+    EXPECT_EQ(mount(nullptr, target.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
+}
+
+ReadOnlyMount::~ReadOnlyMount()
+{
+    EXPECT_EQ(umount(target.c_str()), 0);
 }
 
 void makeZoneDirectories(const std::string& zone)

@@ -31,6 +31,19 @@ void setLabel(const std::filesystem::path& path, const std::string& label);
 /// A path's whole label; "(none)" without one.
 [[nodiscard]] std::string labelOf(const std::filesystem::path& path);
 
+/// Makes a directory read-only, which stops even root, as long as the object lives.
+class ReadOnlyMount
+{
+public:
+    explicit ReadOnlyMount(std::string directory);
+    ~ReadOnlyMount();
+    ReadOnlyMount(const ReadOnlyMount&) = delete;
+    ReadOnlyMount& operator=(const ReadOnlyMount&) = delete;
+
+private:
+    std::string target;
+};
+
 /// The zone's root below BASE_PATH and its writable directories, all labelled "_".
 void makeZoneDirectories(const std::string& zone);
 
@@ -64,8 +77,8 @@ private:
     std::filesystem::path directory;
 };
 
-/// A thread object with a context of its own whose loop counts as running while the test iterates that context
-/// itself: no second thread, no waiting for poll timeouts.
+/// A thread object with a context of its own whose loop counts as running while the test iterates that
+/// context itself: no second thread, no waiting for poll timeouts.
 template <typename Base>
 class Driven : public Base
 {
@@ -117,7 +130,8 @@ public:
     /// Gives the manager a monitor, its to delete.
     void setMonitor(ZoneCore::ZoneMonitor* monitor) const;
 
-    /// Clears the log and runs the main loop until the step has run and all that it queued has been dispatched.
+    /// Clears the log and runs the main loop until the step has run and all that it queued has been
+    /// dispatched.
     /// @return the calling thread's log texts, as far as the step has not cleared them
     std::vector<std::string> whileRunning(LogCapture& log, const std::function<void()>& step) const;
 

@@ -8,7 +8,6 @@
 #include <fstream>
 #include <memory>
 #include <string>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <vector>
 
@@ -75,23 +74,6 @@ protected:
     std::unique_ptr<typename Words::Zone> zone;
 };
 
-/// Makes a directory read-only by a mount, which stops even root.
-class ReadOnlyMount
-{
-public:
-    explicit ReadOnlyMount(std::string directory) : target(std::move(directory))
-    {
-        EXPECT_EQ(mount(target.c_str(), target.c_str(), nullptr, MS_BIND, nullptr), 0);
-        EXPECT_EQ(mount(nullptr, target.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
-    }
-    ~ReadOnlyMount() { EXPECT_EQ(umount(target.c_str()), 0); }
-    ReadOnlyMount(const ReadOnlyMount&) = delete;
-    ReadOnlyMount& operator=(const ReadOnlyMount&) = delete;
-
-private:
-    std::string target;
-};
-
 TYPED_TEST_SUITE_P(ZoneKindTest);
 
 TYPED_TEST_P(ZoneKindTest, LogsItsLifeWithItsType)
@@ -101,13 +83,15 @@ TYPED_TEST_P(ZoneKindTest, LogsItsLifeWithItsType)
     this->log.clear();
     this->zone = std::make_unique<typename TypeParam::Zone>();
     EXPECT_EQ(this->zone->getZoneType(), TypeParam::TYPE);
-    EXPECT_EQ(this->log.texts().back(), std::string("I ") + TypeParam::CLASS + " object is created...[type : " + type + "]");
+    EXPECT_EQ(this->log.texts().back(),
+              std::string("I ") + TypeParam::CLASS + " object is created...[type : " + type + "]");
     ASSERT_TRUE(this->zone->initialize(false, KIND_THREAD));
     this->log.clear();
     this->zone.reset();
     EXPECT_EQ(this->log.texts().front(),
-              std::string("I ") + TypeParam::CLASS + " zone is destroyed...[type : " + type + ", thread name : " +
-                  KIND_THREAD + ", thread id : " + std::to_string(ZoneCore::currentThreadId()) + "]");
+              std::string("I ") + TypeParam::CLASS + " zone is destroyed...[type : " + type +
+                  ", thread name : " + KIND_THREAD +
+                  ", thread id : " + std::to_string(ZoneCore::currentThreadId()) + "]");
 }
 
 TYPED_TEST_P(ZoneKindTest, RemembersItsType)
@@ -154,8 +138,8 @@ TYPED_TEST_P(ZoneKindTest, StopsAtAWritableDirectoryThatCannotBeMade)
     std::filesystem::remove_all("/opt" + std::string(BASE_PATH));
     EXPECT_FALSE(this->zone->checkZoneSmackLabel());
     EXPECT_THAT(this->log.texts().back(),
-                testing::StartsWith(this->by("E", "Failed to create RW path of " + this->word() + " Zone(RW)..." +
-                                                      this->inBrackets(this->writable))));
+                testing::StartsWith(this->by("E", "Failed to create RW path of " + this->word() +
+                                                      " Zone(RW)..." + this->inBrackets(this->writable))));
 }
 
 TYPED_TEST_P(ZoneKindTest, StopsAtAnOptDirectoryThatCannotBeMade)
@@ -164,9 +148,10 @@ TYPED_TEST_P(ZoneKindTest, StopsAtAnOptDirectoryThatCannotBeMade)
     this->makeLabelled(this->writable, TypeParam::WRITABLE_LABEL);
     const ReadOnlyMount mounted(this->writable);
     EXPECT_FALSE(this->zone->checkZoneSmackLabel());
-    EXPECT_THAT(this->log.texts().back(),
-                testing::StartsWith(this->by("E", "Failed to create RW path of " + this->word() + " Zone(RW)..." +
-                                                      this->inBrackets(this->writable + "/opt"))));
+    EXPECT_THAT(
+        this->log.texts().back(),
+        testing::StartsWith(this->by("E", "Failed to create RW path of " + this->word() + " Zone(RW)..." +
+                                              this->inBrackets(this->writable + "/opt"))));
 }
 
 REGISTER_TYPED_TEST_SUITE_P(ZoneKindTest, LogsItsLifeWithItsType, RemembersItsType, PermitsAutomaticStart,

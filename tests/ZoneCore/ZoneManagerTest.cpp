@@ -115,7 +115,8 @@ TEST(ZoneManagerSingleton, IsMadeOnFirstUse)
 TEST_F(ZoneManagerTest, ReplacesItsEventSource)
 {
     EXPECT_TRUE(get()->attachEventSource());
-    const std::string where = "(thread name : zone-manager, thread id : " + std::to_string(currentThreadId()) + ")";
+    const std::string where =
+        "(thread name : zone-manager, thread id : " + std::to_string(currentThreadId()) + ")";
     EXPECT_THAT(log.texts(), ElementsAre("W [ZoneManager] event source is already created" + where,
                                          "I release the event source from the main context" + where));
     // One source is left: an event is handled once.
@@ -162,10 +163,10 @@ TEST_F(ZoneManagerTest, DropsARestartWithoutAName)
 TEST_F(ZoneManagerTest, RestartsAZone)
 {
     buildRegistry();
-    EXPECT_THAT(handle(eZONE_EVENT_RESTART, new std::string("alpha")),
-                ElementsAre(at("I receive the event - ZONE RESTART"), HasSubstr("the zone event is sent to alpha"),
-                            "I zone event(1) is sent (zone name : alpha)",
-                            at("I Restart event for alpha is sent")));
+    EXPECT_THAT(
+        handle(eZONE_EVENT_RESTART, new std::string("alpha")),
+        ElementsAre(at("I receive the event - ZONE RESTART"), HasSubstr("the zone event is sent to alpha"),
+                    "I zone event(1) is sent (zone name : alpha)", at("I Restart event for alpha is sent")));
 }
 
 TEST_F(ZoneManagerTest, ReportsARestartThatFails)
@@ -226,8 +227,9 @@ TEST_F(ZoneManagerTest, QueuesRequests)
     buildRegistry();
     ZUP::LXCAttachCommand command{};
     const auto expectSent = [this](int type) {
-        EXPECT_THAT(ownTexts(log), ElementsAre(HasSubstr("the zone event is sent to alpha"),
-                                               "I zone event(" + std::to_string(type) + ") is sent (zone name : alpha)"));
+        EXPECT_THAT(ownTexts(log),
+                    ElementsAre(HasSubstr("the zone event is sent to alpha"),
+                                "I zone event(" + std::to_string(type) + ") is sent (zone name : alpha)"));
         log.clear();
     };
     EXPECT_TRUE(get()->startZone("alpha"));
@@ -303,17 +305,28 @@ TEST_F(ZoneManagerTest, EndsTheCheckWithTheFirstSuccessfulPass)
 
 TEST_F(ZoneManagerTest, ChecksAgainAfterAPassThatFailed)
 {
-    // The thread ends in the middle of the pass, when every thread has been seen running: a queue that is gone
-    // makes the same failure without a race.
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the sanitizer cannot see that the zone's thread waits for its launcher";
+#endif
+    // A thread that runs but has no queue any more. It does not look at the queue while its launcher runs.
+    control.set("containers/bravo/start", "wait go");
     buildRegistry();
     Zone* zone = (*registry)->getZone("bravo");
-    zone->terminate();
-    ASSERT_TRUE(eventually([&] { return !zone->isRunning(); }));
+    EXPECT_TRUE(get()->startZone("bravo"));
+    ASSERT_TRUE(eventually([&] { return control.launches() == 1; }));
+    zone->destroyEventQueue();
     log.clear();
-    EXPECT_FALSE(get()->startAutoStartZones());
-    EXPECT_THAT(ownTexts(log),
-                Contains("E Failed to send eZONE_EVENT_START(auto start) event to \"bravo\" (2 / 2)"));
+    EXPECT_TRUE(ZoneManager::threadRunningCheckCallback(get()));
+    const auto texts = ownTexts(log);
+    ASSERT_GE(texts.size(), 5U);
+    EXPECT_THAT(std::vector<std::string>(texts.end() - 5, texts.end()),
+                ElementsAre(HasSubstr("The event queue is not created"),
+                            "E Failed to send zone event to \"bravo : 1\"",
+                            "E Failed to send eZONE_EVENT_START(auto start) event to \"bravo\" (2 / 2)",
+                            "I ZoneContainerState instance is destroyed",
+                            at("E [Main Thread] Failed to start Default Zones")));
     EXPECT_FALSE(zone->autoStartRequested.load());
+    control.set("go");
 }
 
 // The end.

@@ -9,7 +9,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <string>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,6 +20,7 @@ using ZoneCore::UniqueFd;
 using ZoneCore::ZoneSecurityPolicy;
 using ZoneTest::labelOf;
 using ZoneTest::LogCapture;
+using ZoneTest::ReadOnlyMount;
 using ZoneTest::setLabel;
 
 namespace {
@@ -56,23 +56,6 @@ mode_t modeOf(const std::string& path)
     struct stat status = {};
     return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
 }
-
-/// A path that even root cannot write, as long as the object lives: it is mounted read-only.
-class ReadOnlyMount
-{
-public:
-    explicit ReadOnlyMount(const char* directory) : target(directory)
-    {
-        EXPECT_EQ(mount(target, target, nullptr, MS_BIND, nullptr), 0);
-        EXPECT_EQ(mount(nullptr, target, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
-    }
-    ~ReadOnlyMount() { EXPECT_EQ(umount(target), 0); }
-    ReadOnlyMount(const ReadOnlyMount&) = delete;
-    ReadOnlyMount& operator=(const ReadOnlyMount&) = delete;
-
-private:
-    const char* target;
-};
 
 } // namespace
 
@@ -134,11 +117,10 @@ TEST_F(ZoneSecurityPolicyTest, TakesALabelThatDoesNotFitForUnreadable)
     const LogCapture log;
     EXPECT_EQ(policy.getContainerSmackLabel(path), "");
     EXPECT_FALSE(policy.setContainerSmackLabel(path, "System"));
-    EXPECT_THAT(
-        log.texts(),
-        ElementsAre("E Failed to get smack label of \"" + path + "\" - \"Numerical result out of range\"",
-                    "E Failed to get smack label of \"" + path +
-                        "\"(\"System\") - \"Numerical result out of range\""));
+    EXPECT_THAT(log.texts(), ElementsAre("E Failed to get smack label of \"" + path +
+                                             "\" - \"Numerical result out of range\"",
+                                         "E Failed to get smack label of \"" + path +
+                                             "\"(\"System\") - \"Numerical result out of range\""));
 }
 
 TEST_F(ZoneSecurityPolicyTest, ChangesALabel)
@@ -148,8 +130,9 @@ TEST_F(ZoneSecurityPolicyTest, ChangesALabel)
     const LogCapture log;
     EXPECT_TRUE(policy.setContainerSmackLabel(path, "System"));
     EXPECT_EQ(labelOf(path), "System"); // without a terminating zero
-    EXPECT_THAT(log.texts(), ElementsAre("I \"" + path + "\" smack label is \"User\"(4)",
-                                         "I \"" + path + "\" smack label is changed to \"System\" successfully"));
+    EXPECT_THAT(log.texts(),
+                ElementsAre("I \"" + path + "\" smack label is \"User\"(4)",
+                            "I \"" + path + "\" smack label is changed to \"System\" successfully"));
 }
 
 TEST_F(ZoneSecurityPolicyTest, LeavesTheWantedLabelAsItIs)
@@ -281,11 +264,12 @@ TEST_F(ZoneSecurityPolicyTest, AcceptsAReadOnlyRuntimeDirectoryWithItsLabel)
     const ReadOnlyMount mounted(RUN_DIRECTORY);
     const LogCapture log;
     EXPECT_TRUE(policy.ensureContainerRunPath());
-    EXPECT_THAT(log.texts(),
-                ElementsAre("D The contianer run path(/var/run/lxc) does not exist - \"Read-only file system\"",
-                            "I The container run path(/var/run/lxc) does exist",
-                            "I \"/var/run/lxc\" smack label is \"!\"(1)",
-                            "I \"/var/run/lxc\" smack label is already set as \"!\""));
+    EXPECT_THAT(
+        log.texts(),
+        ElementsAre("D The contianer run path(/var/run/lxc) does not exist - \"Read-only file system\"",
+                    "I The container run path(/var/run/lxc) does exist",
+                    "I \"/var/run/lxc\" smack label is \"!\"(1)",
+                    "I \"/var/run/lxc\" smack label is already set as \"!\""));
 }
 
 TEST_F(ZoneSecurityPolicyTest, ReportsARuntimeDirectoryThatCannotBeMade)
@@ -293,10 +277,11 @@ TEST_F(ZoneSecurityPolicyTest, ReportsARuntimeDirectoryThatCannotBeMade)
     const ReadOnlyMount mounted("/run");
     const LogCapture log;
     EXPECT_FALSE(policy.ensureContainerPIDFilePath());
-    EXPECT_THAT(log.texts(),
-                ElementsAre("D The contianer run path(/var/run/lxc) does not exist - \"No such file or directory\"",
-                            "E Failed to create the container run path(/var/run/lxc) - \"Read-only file system\"",
-                            "E Failed to ensure Container Run Path(/var/run/lxc)"));
+    EXPECT_THAT(
+        log.texts(),
+        ElementsAre("D The contianer run path(/var/run/lxc) does not exist - \"No such file or directory\"",
+                    "E Failed to create the container run path(/var/run/lxc) - \"Read-only file system\"",
+                    "E Failed to ensure Container Run Path(/var/run/lxc)"));
 }
 
 TEST_F(ZoneSecurityPolicyTest, MakesThePidFileDirectoryWithoutALabel)
@@ -309,10 +294,11 @@ TEST_F(ZoneSecurityPolicyTest, MakesThePidFileDirectoryWithoutALabel)
     umask(before);
     EXPECT_EQ(modeOf(PID_DIRECTORY), 0755U);
     EXPECT_EQ(labelOf(PID_DIRECTORY), "(none)");
-    EXPECT_THAT(log.texts(), ElementsAre("I \"/var/run/lxc\" smack label is \"!\"(1)",
-                                         "I \"/var/run/lxc\" smack label is already set as \"!\"",
-                                         "D The contianer pidfile path(/var/run/lxc/pid) does not exist - \"No such "
-                                         "file or directory\""));
+    EXPECT_THAT(log.texts(),
+                ElementsAre("I \"/var/run/lxc\" smack label is \"!\"(1)",
+                            "I \"/var/run/lxc\" smack label is already set as \"!\"",
+                            "D The contianer pidfile path(/var/run/lxc/pid) does not exist - \"No such "
+                            "file or directory\""));
 }
 
 TEST_F(ZoneSecurityPolicyTest, IsSilentAboutAWritablePidFileDirectory)
@@ -334,10 +320,11 @@ TEST_F(ZoneSecurityPolicyTest, AcceptsAReadOnlyPidFileDirectory)
     const ReadOnlyMount mounted(PID_DIRECTORY);
     LogCapture log;
     EXPECT_TRUE(policy.ensureContainerPIDFilePath());
-    EXPECT_THAT(log.texts(), testing::IsSupersetOf({std::string("D The contianer pidfile path(/var/run/lxc/pid) "
-                                                                "does not exist - \"Read-only file system\""),
-                                                    std::string("I The container pidfile path(/var/run/lxc/pid) "
-                                                                "does exist")}));
+    EXPECT_THAT(log.texts(),
+                testing::IsSupersetOf({std::string("D The contianer pidfile path(/var/run/lxc/pid) "
+                                                   "does not exist - \"Read-only file system\""),
+                                       std::string("I The container pidfile path(/var/run/lxc/pid) "
+                                                   "does exist")}));
 }
 
 TEST_F(ZoneSecurityPolicyTest, ReportsAPidFileDirectoryThatCannotBeMade)
@@ -363,8 +350,8 @@ TEST_F(ZoneSecurityPolicyTest, AdmitsAPeerOfTheSameUser)
     const UniqueFd other(ends[1]);
     const LogCapture log;
     EXPECT_TRUE(policy.checkProcessPrivilege(own.get()));
-    EXPECT_THAT(log.texts(),
-                ElementsAre("I Process Permission is allowed [0 <-> 0], [fd : " + std::to_string(own.get()) + "]"));
+    EXPECT_THAT(log.texts(), ElementsAre("I Process Permission is allowed [0 <-> 0], [fd : " +
+                                         std::to_string(own.get()) + "]"));
 }
 
 TEST_F(ZoneSecurityPolicyTest, RefusesAPeerOfAnotherUser)
@@ -388,6 +375,6 @@ TEST_F(ZoneSecurityPolicyTest, RefusesWhatHasNoCredentials)
     const UniqueFd file(open("/dev/null", O_RDONLY | O_CLOEXEC));
     const LogCapture log;
     EXPECT_FALSE(policy.checkProcessPrivilege(file.get()));
-    EXPECT_THAT(log.texts(),
-                ElementsAre("E Failed to get credentials on socket [fd : " + std::to_string(file.get()) + "]"));
+    EXPECT_THAT(log.texts(), ElementsAre("E Failed to get credentials on socket [fd : " +
+                                         std::to_string(file.get()) + "]"));
 }

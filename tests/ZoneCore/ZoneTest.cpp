@@ -141,7 +141,8 @@ TEST_F(ZoneTestCase, EndsWithItsWatcherThenItsContainer)
     const auto texts = log.texts();
     ASSERT_GE(texts.size(), 4U);
     EXPECT_THAT(std::vector<std::string>(texts.begin(), texts.begin() + 4),
-                ElementsAre(releaseLine(), "I thread count of container...[1]", "I Container object is destroyed...",
+                ElementsAre(releaseLine(), "I thread count of container...[1]",
+                            "I Container object is destroyed...",
                             "I Zone object is destroyed(zone name : alpha)"));
     EXPECT_THAT(texts.back(), HasSubstr("Thread is destroyed"));
     EXPECT_EQ(control.calls().back(), "lxc_container_put alpha 0 -");
@@ -209,8 +210,9 @@ TEST_F(ZoneTestCase, WritesTheNotStartedLineOnEveryFifthCallOfAnyZone)
         static_cast<void>(Zone::prepareCallback(other.source(), &timeout));
     }
     other.destroyEventQueue();
-    const std::regex line("I Auto start zone is not started yet. the timeout of prepare callback is set to 200 "
-                          "miliseconds\\(thread name : thread-(?:alpha|other), tid : [0-9]+\\)\\[([0-9]+)\\]");
+    const std::regex line(
+        "I Auto start zone is not started yet. the timeout of prepare callback is set to 200 "
+        "miliseconds\\(thread name : thread-(?:alpha|other), tid : [0-9]+\\)\\[([0-9]+)\\]");
     std::vector<int> counts;
     for (const std::string& text : log.texts()) {
         std::smatch part;
@@ -255,9 +257,9 @@ TEST_F(ZoneTestCase, DispatchesOneEventAtATime)
     log.clear();
     EXPECT_TRUE(g_main_context_iteration(zone->context(), FALSE));
     EXPECT_EQ(zone->state.load(), STARTING);
-    EXPECT_THAT(log.texts(), ElementsAre(at("I [GSource Name : ZoneEvent] Dispatch the event"),
-                                         at("I Dispatch the event"),
-                                         at("I receive the event - ZONE CHANGE STATE[2] ")));
+    EXPECT_THAT(log.texts(),
+                ElementsAre(at("I [GSource Name : ZoneEvent] Dispatch the event"), at("I Dispatch the event"),
+                            at("I receive the event - ZONE CHANGE STATE[2] ")));
     EXPECT_TRUE(g_main_context_iteration(zone->context(), FALSE));
     EXPECT_EQ(zone->state.load(), STOPPING);
     EXPECT_EQ(zone->drain(), 0);
@@ -265,7 +267,8 @@ TEST_F(ZoneTestCase, DispatchesOneEventAtATime)
 
 TEST_F(ZoneTestCase, DropsAnUnknownKindAndGoesOn)
 {
-    for (const ZoneEventType type : {eZONE_EVENT_RESTART, eZONE_EVENT_CHECK_AUTO_START, eZONE_EVENT_WATCHDOG}) {
+    for (const ZoneEventType type :
+         {eZONE_EVENT_RESTART, eZONE_EVENT_CHECK_AUTO_START, eZONE_EVENT_WATCHDOG}) {
         EXPECT_THAT(handle(type), ElementsAre(at("E event type is invalid")));
     }
     EXPECT_THAT(handle(eZONE_EVENT_CHANGE_STATE, STARTING),
@@ -285,8 +288,8 @@ TEST_F(ZoneTestCase, StartsTheContainer)
 {
     zone->restartFlag = true;
     zone->state = FROZEN; // anything but RUNNING
-    EXPECT_THAT(handle(eZONE_EVENT_START), ElementsAre(at("I receive the event - ZONE START"),
-                                                       at("I alpha is started successfully")));
+    EXPECT_THAT(handle(eZONE_EVENT_START),
+                ElementsAre(at("I receive the event - ZONE START"), at("I alpha is started successfully")));
     EXPECT_EQ(control.launches(), 1U);
     EXPECT_FALSE(zone->restartFlag.load());
     EXPECT_EQ(zone->operationType.load(), ZUP::ZONE_OPERATION_START);
@@ -330,9 +333,11 @@ TEST_F(ZoneTestCase, AsksTheManagerOnceAfterAFailedAutomaticStart)
         log.clear();
     });
     EXPECT_THAT(texts, Contains(at("F Failed to start alpha")));
-    EXPECT_THAT(texts, Contains("I " + ZoneTest::byThread("zone-manager") + "zone event(7) is sent to Zone Manager")
-                           .Times(1));
-    EXPECT_THAT(after, ElementsAre("I [GSource Name : ZoneManagerEvent] Dispatch the event" + atThread("zone-manager"),
+    EXPECT_THAT(texts,
+                Contains("I " + ZoneTest::byThread("zone-manager") + "zone event(7) is sent to Zone Manager")
+                    .Times(1));
+    EXPECT_THAT(after, ElementsAre("I [GSource Name : ZoneManagerEvent] Dispatch the event" +
+                                       atThread("zone-manager"),
                                    "I Dispatch the event" + atThread("zone-manager"),
                                    "I receive the event - ZONE RESTART" + atThread("zone-manager"),
                                    "E " + ZoneTest::byThread("zone-manager") +
@@ -350,7 +355,8 @@ TEST_F(ZoneTestCase, ReportsAManagerThatTakesNoRestart)
     EXPECT_EQ(texts[1], at("F Failed to start alpha"));
     EXPECT_EQ(texts[2], "E " + ZoneTest::byThread("zone-manager") + "ZoneManager is not running");
     EXPECT_THAT(texts[3],
-                testing::MatchesRegex("E \\[Zone\\.cpp:[0-9]+\\] Failed to send restart event\\[zone name : alpha\\]"));
+                testing::MatchesRegex(
+                    "E \\[Zone\\.cpp:[0-9]+\\] Failed to send restart event\\[zone name : alpha\\]"));
 }
 
 // STOP.
@@ -360,8 +366,8 @@ TEST_F(ZoneTestCase, StopsTheContainer)
     container("state", "RUNNING");
     container("running", "1");
     zone->restartFlag = true;
-    EXPECT_THAT(handle(eZONE_EVENT_STOP), ElementsAre(at("I receive the event - ZONE STOP"),
-                                                      at("I alpha is stopped successfully")));
+    EXPECT_THAT(handle(eZONE_EVENT_STOP),
+                ElementsAre(at("I receive the event - ZONE STOP"), at("I alpha is stopped successfully")));
     EXPECT_EQ(control.launches(), 1U);
     EXPECT_FALSE(zone->restartFlag.load());
     EXPECT_EQ(zone->operationType.load(), ZUP::ZONE_OPERATION_STOP);
@@ -518,14 +524,13 @@ TEST_F(ZoneTestCase, ReplacesItsWatcher)
     static_cast<void>(handle(eZONE_EVENT_CHANGE_STATE, RUNNING));
     const unsigned first = zone->watcherTimerId;
     container("init_pid", "78");
-    EXPECT_THAT(
-        handle(eZONE_EVENT_CHANGE_STATE, RUNNING),
-        ElementsAre(at("I receive the event - ZONE CHANGE STATE[3] "), at("F Now, alpha is running"),
-                    at("I The init pid(78) of zone(alpha) is set"),
-                    "I Release previous watcher timer source(thread name : " + std::string(THREAD) +
-                        ", thread id : " + std::to_string(currentThreadId()) + ", interval : 15000)",
-                    releaseLine(), timerLine(), at("I Zone Watcher Is registered[interval : 15000]"),
-                    at("I Starting zone watcher timer for checking zone alive")));
+    EXPECT_THAT(handle(eZONE_EVENT_CHANGE_STATE, RUNNING),
+                ElementsAre(at("I receive the event - ZONE CHANGE STATE[3] "), at("F Now, alpha is running"),
+                            at("I The init pid(78) of zone(alpha) is set"),
+                            "I Release previous watcher timer source(thread name : " + std::string(THREAD) +
+                                ", thread id : " + std::to_string(currentThreadId()) + ", interval : 15000)",
+                            releaseLine(), timerLine(), at("I Zone Watcher Is registered[interval : 15000]"),
+                            at("I Starting zone watcher timer for checking zone alive")));
     EXPECT_EQ(zone->initPid.load(), 78);
     EXPECT_NE(zone->watcherTimerId, first);
     EXPECT_EQ(g_main_context_find_source_by_id(zone->context(), first), nullptr);
@@ -556,15 +561,17 @@ TEST_F(ZoneTestCase, StopsWatchingAStoppedZone)
     EXPECT_EQ(g_main_context_find_source_by_id(zone->context(), watcher), nullptr);
     // The same without a watcher.
     EXPECT_THAT(handle(eZONE_EVENT_CHANGE_STATE, STOPPED),
-                ElementsAre(at("I receive the event - ZONE CHANGE STATE[1] "), at("I Zone Watcher Is removed"),
+                ElementsAre(at("I receive the event - ZONE CHANGE STATE[1] "),
+                            at("I Zone Watcher Is removed"),
                             at("I Removing zone watcher timer from zone thread context")));
 }
 
 TEST_F(ZoneTestCase, TakesNoteOfTheOtherStatesOnly)
 {
     for (const ZoneState state : {NONE, STARTING, STOPPING, ABORTING, FREEZING, FROZEN, THAWED}) {
-        EXPECT_THAT(handle(eZONE_EVENT_CHANGE_STATE, state),
-                    ElementsAre(at("I receive the event - ZONE CHANGE STATE[" + std::to_string(state) + "] ")));
+        EXPECT_THAT(
+            handle(eZONE_EVENT_CHANGE_STATE, state),
+            ElementsAre(at("I receive the event - ZONE CHANGE STATE[" + std::to_string(state) + "] ")));
         EXPECT_EQ(zone->state.load(), state);
     }
 }

@@ -7,10 +7,23 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstring>
+#include <string>
 
+using testing::Contains;
+using testing::Not;
 using testing::StartsWith;
 using ZoneTest::IsRecord;
 using ZoneTest::LogCapture;
+
+// Takes the place of the C library's in this program: one that changes the error number.
+extern "C" char* strsignal(int signal) noexcept
+{
+    static std::string text;
+    text = sigdescr_np(signal);
+    errno = EINVAL;
+    return text.data();
+}
 
 TEST(Termination, NamesTheSignalFirst)
 {
@@ -36,5 +49,5 @@ TEST(Termination, MayArriveBeforeAnythingRunsAndAgain)
     const LogCapture log;
     handle_termination_signal(SIGTERM);
     handle_termination_signal(SIGTERM);
-    EXPECT_EQ(testing::Value(log.texts(), testing::Not(testing::Contains(StartsWith("E ")))), true);
+    EXPECT_THAT(log.texts(), Not(Contains(StartsWith("E "))));
 }

@@ -14,7 +14,6 @@
 #include <fcntl.h>
 #include <iostream>
 #include <optional>
-#include <regex>
 #include <sstream>
 #include <string_view>
 #include <sys/mman.h>
@@ -40,41 +39,60 @@ __attribute__((constructor)) void sendLogToStandardError()
     }
 }
 
+/// Takes a text apart from its beginning on. Once a part is missing, all further ones are empty.
+class Cutter
+{
+public:
+    explicit Cutter(std::string_view text) : rest(text) {}
+
+    /// What lies before the next `end`, which is taken off as well.
+    std::string upTo(std::string_view end)
+    {
+        const auto position = found ? rest.find(end) : std::string_view::npos;
+        found = position != std::string_view::npos;
+        if (!found) {
+            return {};
+        }
+        const std::string part(rest.substr(0, position));
+        rest.remove_prefix(position + end.size());
+        return part;
+    }
+    int numberUpTo(std::string_view end) { return std::atoi(upTo(end).c_str()); }
+
+    [[nodiscard]] std::string remainder() const { return std::string(rest); }
+    [[nodiscard]] bool foundAll() const { return found; }
+
+private:
+    std::string_view rest;
+    bool found = true;
+};
+
 /// A record is "LEVEL/TAG(PID:TID): FILE: FUNCTION(LINE) > COLOUR[SIGNATURE:LINE] BODY RESET".
 std::optional<LogRecord> parse(const std::string& line)
 {
-    static const std::regex origin(R"(([DIWEF])/ZONE_MANAGER\((\d+):(\d+)\): ([^:]+): (.+)\((\d+)\))");
-    constexpr std::string_view beforeColour = " > \x1b[";
-    constexpr std::string_view beforeSignature = "m[";
     constexpr std::string_view reset = "\x1b[0m";
-
-    const auto endOfOrigin = line.find(beforeColour);
-    if (endOfOrigin == std::string::npos || !line.ends_with(reset)) {
+    if (line.size() < reset.size() || !line.ends_with(reset)) {
         return std::nullopt;
     }
-    std::smatch part;
-    if (!std::regex_match(line.begin(), line.begin() + static_cast<std::ptrdiff_t>(endOfOrigin), part,
-                          origin)) {
+    LogRecord record;
+    Cutter text(std::string_view(line).substr(0, line.size() - reset.size()));
+    record.level = line.front();
+    if (text.upTo("/ZONE_MANAGER(").size() != 1) {
         return std::nullopt;
     }
-    const std::string beforeBody = ":" + part.str(6) + "] ";
-    const auto colour = endOfOrigin + beforeColour.size();
-    const auto endOfColour = line.find(beforeSignature, colour);
-    const auto endOfSignature = line.find(beforeBody, colour);
-    if (endOfColour == std::string::npos || endOfSignature == std::string::npos) {
-        return std::nullopt;
-    }
-    const auto signature = endOfColour + beforeSignature.size();
-    const auto body = endOfSignature + beforeBody.size();
-    return LogRecord{.level = part.str(1).front(),
-                     .process = std::stoi(part.str(2)),
-                     .thread = std::stoi(part.str(3)),
-                     .file = part.str(4),
-                     .function = part.str(5),
-                     .line = std::stoi(part.str(6)),
-                     .colour = line.substr(colour, endOfColour - colour),
-                     .signature = line.substr(signature, endOfSignature - signature),
-                     .body = line.substr(body, line.size() - reset.size() - body)};
+    record.process = text.numberUpTo(":");
+    record.thread = text.numberUpTo("): ");
+    record.file = text.upTo(": ");
+    // A function's name may end in parentheses of its own.
+    const std::string function = text.upTo(") > \x1b[");
+    const auto beforeLine = function.rfind('(');
+    record.function = function.substr(0, beforeLine);
+    const std::string number = beforeLine == std::string::npos ? "" : function.substr(beforeLine + 1);
+    record.line = std::atoi(number.c_str());
+    record.colour = text.upTo("m[");
+    record.signature = text.upTo(":" + number + "] ");
+    record.body = text.remainder();
+    return text.foundAll() ? std::optional(record) : std::nullopt;
 }
 
 std::string textOf(const LogRecord& record)
