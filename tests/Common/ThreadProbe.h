@@ -9,12 +9,10 @@
 #include <future>
 #include <string>
 #include <utility>
-#include <vector>
 
 namespace ZoneTest {
 
-/// A Thread that shows its inside. It keeps its context alive beyond itself, so that a test can look at what
-/// its destructor left behind; for the default context this is also the reference that the destructor drops.
+/// A Thread that shows its inside. It takes the reference on the default context that its destructor drops.
 class ThreadProbe : public ZoneCore::Thread
 {
 public:
