@@ -38,6 +38,7 @@ class ZoneManagerDBusInterface
 {
 public:
     ZoneManagerDBusInterface() = default;
+    ~ZoneManagerDBusInterface();
     ZoneManagerDBusInterface(const ZoneManagerDBusInterface&) = delete;
     ZoneManagerDBusInterface& operator=(const ZoneManagerDBusInterface&) = delete;
 

@@ -57,8 +57,11 @@ gint poll(GPollFD* fds, guint count, gint timeout)
 
 void restoreInChild()
 {
-    // An ignored signal would stay ignored in the program that the child becomes; a handler would not.
+    // An ignored signal would stay ignored in the program that the child becomes; and until it becomes one,
+    // the daemon's handler would run in the child, among locks that threads held which are not there any
+    // more.
     static_cast<void>(signal(SIGPIPE, SIG_DFL));
+    static_cast<void>(signal(SIGTERM, SIG_DFL));
     if (held) {
         sigprocmask(SIG_SETMASK, &originalMask, nullptr);
     }

@@ -56,6 +56,12 @@ constexpr std::array<ZoneDBusMethodEntry, 14> call_table{{
     {METHOD_NONE, nullptr, nullptr, Service::returnErrorInteger},
 }};
 
+/// A container's name as the bus takes it: names come from outside and need not be valid texts.
+std::unique_ptr<gchar, ZoneCore::FreeWith<g_free>> busText(const char* name)
+{
+    return std::unique_ptr<gchar, ZoneCore::FreeWith<g_free>>(g_utf8_make_valid(name, -1));
+}
+
 const char* orDash(const char* text)
 {
     return text == nullptr ? "-" : text;
@@ -128,6 +134,13 @@ private:
 constexpr GDBusInterfaceVTable METHOD_CALLS{ZoneManagerDBusInterface::callVTable, nullptr, nullptr, {}};
 
 } // namespace
+
+ZoneManagerDBusInterface::~ZoneManagerDBusInterface()
+{
+    if (nodeInfo != nullptr) {
+        g_dbus_node_info_unref(nodeInfo);
+    }
+}
 
 bool ZoneManagerDBusInterface::connectDBus()
 {
@@ -279,9 +292,7 @@ void ZoneManagerDBusInterface::callVTable(GDBusConnection* /*connection*/, const
 
 bool ZoneManagerDBusInterface::emitStateChangedSignal(const gchar* zoneName, const gchar* state)
 {
-    // The name comes from outside and need not be a text that the bus takes.
-    const std::unique_ptr<gchar, ZoneCore::FreeWith<g_free>> validName(g_utf8_make_valid(zoneName, -1));
-    const GVariantPtr parameters(g_variant_ref_sink(g_variant_new("(ss)", validName.get(), state)));
+    const GVariantPtr parameters(g_variant_ref_sink(g_variant_new("(ss)", busText(zoneName).get(), state)));
     ZLOGI("Parameters - %s / %s", zoneName, state);
 
     GErrorPtr error;
@@ -332,10 +343,12 @@ void ZoneManagerDBusInterface::getZoneList(GDBusMethodInvocation* invocation, gp
         char** listed = nullptr;
         count = list_defined_containers(lxcPath, &listed, nullptr);
         for (int index = 0; index < count; ++index) {
-            g_variant_builder_add(&names, "s", listed[index]);
+            g_variant_builder_add(&names, "s", busText(listed[index]).get());
             std::free(listed[index]);
         }
-        std::free(listed);
+        if (count >= 0) { // after a failure, the list may have been freed already
+            std::free(listed);
+        }
     }
     if (count < 0) {
         ZLOGE("Failed to find containers(%d)", count);

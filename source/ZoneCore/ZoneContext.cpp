@@ -63,11 +63,11 @@ bool ZoneContext::initialize()
 
     lxc_container** listed = nullptr;
     const int count = list_defined_containers(lxcBasePath.c_str(), nullptr, &listed);
-    const std::unique_ptr<lxc_container*, decltype(&std::free)> containers(listed, std::free);
-    if (count < 1) {
+    if (count < 1) { // after a failure, the list may have been freed already
         ZLOGE("lxc containers (base path : %s)", lxcBasePath.c_str());
         return false;
     }
+    const std::unique_ptr<lxc_container*, decltype(&std::free)> containers(listed, std::free);
     ZoneFactory factory;
     for (int index = 0; index < count; ++index) {
         lxc_container* container = listed[index];

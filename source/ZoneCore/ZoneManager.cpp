@@ -89,13 +89,12 @@ bool ZoneManager::createZoneMonitor()
 
 bool ZoneManager::connectToBus()
 {
-    auto* interface = new DBusCore::ZoneManagerDBusInterface;
-    dbusInterface.store(interface, std::memory_order_release);
-    if (!interface->connectDBus()) {
-        dbusInterface.store(nullptr, std::memory_order_release);
-        delete interface;
+    auto service = std::make_unique<DBusCore::ZoneManagerDBusInterface>();
+    if (!service->connectDBus()) {
         return false;
     }
+    // The monitor's thread runs already: it must not see a service that is then deleted.
+    dbusInterface.store(service.release(), std::memory_order_release);
     return true;
 }
 

@@ -266,6 +266,24 @@ TEST(ProcessSignalsInChild, ABrokenPipeEndsIt)
     });
 }
 
+TEST(ProcessSignalsInChild, TheDaemonsHandlerDoesNotRunInIt)
+{
+    inProcessOfItsOwn([] {
+        setDisposition(SIGTERM, [](int) { _exit(99); });
+        ProcessSignals::hold();
+        // A SIGTERM for the whole process group that comes between the fork and the launcher ends the child.
+        const pid_t child = fork();
+        if (child == 0) {
+            raise(SIGTERM);
+            ProcessSignals::restoreInChild();
+            _exit(0);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << "status " << status;
+    });
+}
+
 TEST(ProcessSignalsInChild, KeepsItsMaskWithoutAHold)
 {
     inProcessOfItsOwn([] {
