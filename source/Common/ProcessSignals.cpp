@@ -52,7 +52,12 @@ gint poll(GPollFD* fds, guint count, gint timeout)
     pthread_sigmask(SIG_SETMASK, nullptr, &whileWaiting);
     sigdelset(&whileWaiting, SIGTERM);
     const timespec limit{timeout / 1000, (timeout % 1000) * 1000000L};
-    return ppoll(reinterpret_cast<pollfd*>(fds), count, timeout < 0 ? nullptr : &limit, &whileWaiting);
+    const int ready =
+        ppoll(reinterpret_cast<pollfd*>(fds), count, timeout < 0 ? nullptr : &limit, &whileWaiting);
+    if (ready >= 0) {
+        deliverPending(); // the kernel does not deliver a signal when a descriptor is ready at once
+    }
+    return ready;
 }
 
 void restoreInChild()

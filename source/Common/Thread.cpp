@@ -114,7 +114,7 @@ bool Thread::createEventQueue()
 
 void Thread::destroyEventQueue()
 {
-    AsyncEventQueue* holder = eventQueue.load();
+    AsyncEventQueue* holder = eventQueue.exchange(nullptr);
     if (holder == nullptr) {
         return;
     }
@@ -124,7 +124,6 @@ void Thread::destroyEventQueue()
         g_async_queue_unref(queue);
     }
     delete holder;
-    eventQueue.store(nullptr);
 }
 
 bool Thread::attachEventSource()

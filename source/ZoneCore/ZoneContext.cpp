@@ -71,10 +71,10 @@ bool ZoneContext::initialize()
     ZoneFactory factory;
     for (int index = 0; index < count; ++index) {
         lxc_container* container = listed[index];
-        Zone* zone = factory.getZone(container, lxcBasePath);
+        const std::string name = container == nullptr ? "" : container->name;
+        Zone* zone = factory.getZone(container, lxcBasePath); // a half-made zone takes the handle with it
         if (zone == nullptr) {
-            ZLOGE("Failed to create Zone Object - %s[%d]", container == nullptr ? "" : container->name,
-                  index);
+            ZLOGE("Failed to create Zone Object - %s[%d]", name.c_str(), index);
             continue;
         }
         zoneList.push_back(zone);

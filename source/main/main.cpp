@@ -113,6 +113,7 @@ bool tearDown(std::string& lockPath, int& lockFd)
     }
     const bool nobodyStays = monitorIsOut && ZoneContext::singleton()->isEmpty();
     if (nobodyStays) {
+        manager->destroyEventQueue(); // in case that somebody was still inside above
         ZoneContext::deleteSingleton();
         ZoneManager::deleteSingleton();
     }

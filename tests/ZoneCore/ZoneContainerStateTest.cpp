@@ -93,4 +93,4 @@ TEST_P(ZoneContainerStateNoValue, EndsTheProcess)
                                 "stateToStringMap\\.find\\(state\\) != stateToStringMap\\.end\\(\\)"));
 }
 
-INSTANTIATE_TEST_SUITE_P(All, ZoneContainerStateNoValue, testing::Values(-1, 9));
+INSTANTIATE_TEST_SUITE_P(All, ZoneContainerStateNoValue, testing::Values(9, 15));

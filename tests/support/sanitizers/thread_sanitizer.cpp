@@ -31,7 +31,7 @@ const char* __tsan_default_suppressions()
     return "called_from_lib:libglib-2.0.so\n"
            "called_from_lib:libgobject-2.0.so\n"
            "called_from_lib:libgio-2.0.so\n"
-           "called_from_lib:liblxc.so\n";
+           "called_from_lib:linux-gnu/liblxc.so\n";
 }
 
 /// The daemon's threads are never joined: that they are still known at its end is no leak.
