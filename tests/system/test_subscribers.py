@@ -18,6 +18,7 @@ from zonetest import (
     Subscriber,
     ask_init_pid,
     eventually,
+    init_pid_address,
     never,
     publisher_address,
     send_messages,
@@ -56,6 +57,16 @@ def plain(daemon, mark):
     """The monitor's messages from a mark on, without thread ids."""
     lines = [str(record) for record in daemon.records[mark:]]
     return [re.sub(r"\[zone-monitor:\d+\]", "[zone-monitor]", line) for line in lines]
+
+
+@contextlib.contextmanager
+def busy(daemon):
+    """Meanwhile the monitor's thread waits for the question of an init-pid client; what comes lies there, and
+    is there all at once for it afterwards."""
+    mark = daemon.mark()
+    with Client(daemon.root, init_pid_address()):
+        daemon.wait_for("is connected[listen socket", after=mark)
+        yield
 
 
 def numbered(first, count):
@@ -329,10 +340,9 @@ def test_a_subscriber_that_closes_between_two_messages(red, daemon, root):
     assert leaving.next() == staying.next() == Message.state("red", "FREEZING")
     mark = daemon.mark()
     # Both at once for the daemon: the message is relayed before the hang-up is seen.
-    daemon.signal(signal.SIGSTOP)
-    send_states(root, "red", "FROZEN")
-    leaving.close()
-    daemon.signal(signal.SIGCONT)
+    with busy(daemon):
+        send_states(root, "red", "FROZEN")
+        leaving.close()
     daemon.wait_order(
         "Failed to write the state change event to subscribers - red => FROZEN - \"Broken pipe\"",
         f"red => FROZEN message is notified to [fd : {leaving.fd}, count : 2]",
