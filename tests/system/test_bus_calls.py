@@ -255,11 +255,12 @@ def test_the_answer_of_attach_wait_is_not_delivered(served, bus, zone):
     assert bus.call("GetVersion", "isolated") == VERSION
 
 
-def test_a_hundred_undelivered_answers_cost_nothing(served, bus, root):
+def test_many_undelivered_answers_cost_nothing(served, bus, root):
     """A sanitizer's build reports what they leak."""
-    call = f"busctl --system --expect-reply=no call {SERVICE} {OBJECT} {INTERFACE} ZoneAttachWait s isolated"
-    root.run(f"for i in $(seq 100); do {call} || exit 1; done")
-    eventually(lambda: served.count("[DBus] ZoneAttachWait on zone 'isolated'") == 100, 20)
+    call = f"busctl --system --timeout=10ms call {SERVICE} {OBJECT} {INTERFACE} ZoneAttachWait s isolated"
+    root.run(f"for i in $(seq 50); do {call} 2>/dev/null && exit 1; done; true")
+    eventually(lambda: served.count("[DBus] ZoneAttachWait on zone 'isolated'") == 50, 20)
+    eventually(lambda: sum(bool(WRONG_SHAPE.search(line)) for line in served.strays) == 50, 10)
     assert bus.call("GetVersion", "isolated") == VERSION
     assert served.stop() == 0
 
