@@ -41,6 +41,8 @@ def test_the_daemons_log_is_awaited(root):
     daemon = StandIn(root).daemon.start(wait="blue")
     found = daemon.wait_order('"red"', re.compile('^"blue"'))
     assert [record.body.split('"')[1] for record in found] == ["red", "blue"]
+    with pytest.raises(AssertionError, match="red"):
+        daemon.wait_order("blue", "red", timeout=0.1)
     assert daemon.wait_for("[a] (b)", level="error").line == 56
     assert daemon.count("[a]") == 2 and daemon.find("red", after=1) is None
     assert daemon.strays == ["plain"]
@@ -50,6 +52,16 @@ def test_the_daemons_log_is_awaited(root):
     daemon.never("green", 0.05)
     assert daemon.stop() == -signal.SIGTERM
     assert not daemon.sanitizer_report()
+
+
+def test_what_two_threads_write_has_no_order(root):
+    daemon = Daemon(root, "/usr/local/bin/two-threads")
+    lines = (LINE.replace(":34)", ":35)"), LINE.replace("red", "blue"))
+    printed = "\n".join(f"printf '%s\\n' '{line}'" for line in lines)
+    root.write("/usr/local/bin/two-threads", f"#!/bin/sh\n{printed}\nexec sleep 600\n", mode=0o755)
+    daemon.start(wait="blue")
+    assert [record.tid for record in daemon.wait_order("blue", "red")] == [34, 35]
+    assert daemon.stop() == -signal.SIGTERM
 
 
 def test_a_daemon_that_ended_fails_the_wait_at_once(root):

@@ -125,18 +125,12 @@ class Daemon:
         """How many records from `after` on match, by the same rule as `find`."""
         return sum(_matches(wanted, record.body) for record in self.records[after:])
 
-    def _index(self, record, start):
-        for index in range(start, len(self._records)):
-            if self._records[index] is record:
-                return index
-        raise LookupError(record)
-
-    def wait_for(self, wanted, timeout=10.0, after=0, level=None):
-        """Waits for a record, by the same rule as `find`. Fails at once when the daemon ended without it."""
+    def _wait(self, look, timeout, wanted):
+        """Waits until `look` finds a record. Fails at once when the daemon ended without it."""
 
         def found_or_ended():
             ended = not self.running
-            return self.find(wanted, after, level) or ended
+            return look() or ended
 
         try:
             result = eventually(found_or_ended, timeout, f"record {wanted!r}")
@@ -145,12 +139,26 @@ class Daemon:
         assert result is not True, f"the daemon ended without record {wanted!r}\n{self.tail()}"
         return result
 
+    def wait_for(self, wanted, timeout=10.0, after=0, level=None):
+        """Waits for a record, by the same rule as `find`. Fails at once when the daemon ended without it."""
+        return self._wait(lambda: self.find(wanted, after, level), timeout, wanted)
+
     def wait_order(self, *wanted, timeout=10.0, after=0):
-        """Waits for records one after another and returns them."""
+        """Waits for records and returns them. Those of one thread must come in the given order; what two threads
+        write at the same time has none: a line that tells of something sent is written after the sending, and the
+        receiver may have told of it by then."""
         found = []
+        reached = {}
+
+        def next_one(each):
+            for index, record in enumerate(self.records):
+                if index >= reached.get(record.tid, after) and _matches(each, record.body):
+                    reached[record.tid] = index + 1
+                    return record
+            return None
+
         for each in wanted:
-            found.append(self.wait_for(each, timeout, after))
-            after = self._index(found[-1], after) + 1
+            found.append(self._wait(lambda each=each: next_one(each), timeout, each))
         return found
 
     def never(self, wanted, duration, after=0):
