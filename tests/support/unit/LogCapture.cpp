@@ -1,6 +1,7 @@
 #include "tests/support/unit/LogCapture.h"
 
 #include "tests/support/unit/Eventually.h"
+#include "tests/support/unit/MessageCatalogue.h"
 
 #include <gtest/gtest.h>
 
@@ -121,8 +122,9 @@ LogCapture::~LogCapture()
 {
     dup2(savedStandardError, STDERR_FILENO);
     close(savedStandardError);
+    start = 0;
+    checkAgainstCatalogue(records());
     if (testing::Test::HasFailure()) {
-        start = 0;
         for (const std::string& line : lines()) {
             std::cerr << line << '\n';
         }

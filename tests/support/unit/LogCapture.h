@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tests/support/unit/LogRecord.h"
+
 #include <gmock/gmock.h>
 
 #include <chrono>
@@ -9,20 +11,6 @@
 #include <vector>
 
 namespace ZoneTest {
-
-/// One record of the daemon's log, taken apart.
-struct LogRecord
-{
-    char level = '?'; ///< D I W E F
-    pid_t process = 0;
-    pid_t thread = 0;
-    std::string file;
-    std::string function;
-    int line = 0;
-    std::string colour; ///< the three attributes, as in "01;32;40"
-    std::string signature;
-    std::string body;
-};
 
 /// Shows a record in a failed assertion.
 void PrintTo(const LogRecord& record, std::ostream* stream);
@@ -34,7 +22,8 @@ MATCHER_P2(IsRecord, level, body, "")
 }
 
 /// Keeps what the process and its children write to standard error as long as the object lives, and takes the
-/// log records in it apart. Shows all of it on the true standard error at the end when the test has failed.
+/// log records in it apart. At the end, holds them all against the catalogue of the daemon's messages, and
+/// shows everything on the true standard error when the test has failed.
 ///
 /// The log goes to standard error in every program that links this class. One object at a time; any thread
 /// may write meanwhile, and reading takes what has been written by then.
