@@ -1,7 +1,7 @@
 """Fixtures; zonetest/__init__.py is the manual."""
 
 import pytest
-from zonetest import Bus, Daemon, FakeLxc, PrivateRoot, RealZones
+from zonetest import Bus, Daemon, FakeLxc, PrivateRoot, RealZones, messages
 
 
 @pytest.fixture
@@ -38,6 +38,9 @@ def daemon(root):
     report = daemon.sanitizer_report()
     if report:
         pytest.fail(f"a sanitizer reported:\n{report}", pytrace=False)
+    unknown = messages.complaints(daemon.records)
+    if unknown:
+        pytest.fail("the daemon wrote what it does not write:\n" + "\n".join(unknown), pytrace=False)
 
 
 @pytest.hookimpl(hookwrapper=True)

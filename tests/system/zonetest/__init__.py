@@ -13,7 +13,8 @@ Fixtures (conftest.py)
               there
     zones     RealZones: the built liblxc adapter and launcher are installed, first labels are there
     bus       Bus: a running system bus with the project's policy
-    daemon    Daemon, not started. At the end it is stopped by SIGTERM; a sanitizer's report fails the test,
+    daemon    Daemon, not started. At the end it is stopped by SIGTERM; a sanitizer's report, or a record that
+              the catalogue of messages (tests/messages) does not have, fails the test,
               and a failed test shows the log
 
         def test_starts_a_zone(fake, bus, daemon):
