@@ -1,5 +1,6 @@
 """The daemon under test and its log."""
 
+import os
 import re
 import signal
 import subprocess
@@ -9,6 +10,7 @@ from .polling import SCALE, eventually, never
 from .root import BUILD, SANITIZE
 
 TAIL = 60
+SHAKE = os.environ.get("ZONE_SHAKE")
 _SANITIZER = re.compile(
     r"AddressSanitizer|ThreadSanitizer|LeakSanitizer|UndefinedBehaviorSanitizer|runtime error:"
 )
@@ -34,6 +36,8 @@ class Daemon:
         """Starts the daemon with these environment variables too; with `wait`, waits for such a record."""
         environment = {"ZONE_LOG_TARGET": "console"}
         environment.update(env or {})
+        if SHAKE:
+            environment.update({"ZONE_SHAKE": SHAKE, "LD_PRELOAD": BUILD / "tests" / "fake" / "shaker.so"})
         # ThreadSanitizer needs its addresses where they always are.
         prefix = ["setarch", "-R"] if "thread" in SANITIZE else []
         mark = self.mark()
