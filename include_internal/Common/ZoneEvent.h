@@ -5,6 +5,7 @@
 namespace ZoneCore {
 
 /// What a zone event asks of its receiver; the comment names the receiver and the payload.
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the name by which the kinds of events are known.
 enum _ZoneEventType
 {
     eZONE_EVENT_START = 1,        ///< a zone's thread

@@ -206,6 +206,7 @@ private:
     }
 
     // Not initialised: only what was written is read.
+    // cppcheck-suppress uninitMemberVarPrivate
     char data_[BUFFER_SIZE];
     std::size_t used_ = 0;
     bool cut_ = false;

@@ -54,28 +54,32 @@ bool makeDirectories(const std::string& path)
 } // namespace
 
 int lxc_monitor_fifo_name(const char* lxcpath, char* buf, std::size_t size, int mkdirs) noexcept
-try {
-    const std::string directory = std::string(RUN_DIRECTORY) + "/lxc/" + lxcpath;
-    if (mkdirs != 0 && !makeDirectories(directory)) {
+{
+    try {
+        const std::string directory = std::string(RUN_DIRECTORY) + "/lxc/" + lxcpath;
+        if (mkdirs != 0 && !makeDirectories(directory)) {
+            return -1;
+        }
+        const int length = std::snprintf(buf, size, "%s/monitor-fifo", directory.c_str());
+        return length >= 0 && static_cast<std::size_t>(length) < size ? 0 : -1;
+    } catch (const std::exception&) { // no memory left
         return -1;
     }
-    const int length = std::snprintf(buf, size, "%s/monitor-fifo", directory.c_str());
-    return length >= 0 && static_cast<std::size_t>(length) < size ? 0 : -1;
-} catch (const std::exception&) { // no memory left
-    return -1;
 }
 
 int lxc_monitor_sock_name(const char* lxcpath, struct sockaddr_un* addr) noexcept
-try {
-    const std::uint64_t hash = fnv1a64(std::string("lxc/") + lxcpath + "/monitor-sock");
-    *addr = {};
-    addr->sun_family = AF_UNIX;
-    // A path that does not fit is cut: the hash tells the names apart.
-    static_cast<void>(
-        std::snprintf(addr->sun_path + 1, NAME_LENGTH_MAX + 1, "lxc/%016" PRIx64 "/%s", hash, lxcpath));
-    return 0;
-} catch (const std::exception&) { // no memory left
-    return -1;
+{
+    try {
+        const std::uint64_t hash = fnv1a64(std::string("lxc/") + lxcpath + "/monitor-sock");
+        *addr = {};
+        addr->sun_family = AF_UNIX;
+        // A path that does not fit is cut: the hash tells the names apart.
+        static_cast<void>(
+            std::snprintf(addr->sun_path + 1, NAME_LENGTH_MAX + 1, "lxc/%016" PRIx64 "/%s", hash, lxcpath));
+        return 0;
+    } catch (const std::exception&) { // no memory left
+        return -1;
+    }
 }
 
 int lxc_abstract_unix_open(const char* path, int type, int /*flags*/) noexcept

@@ -73,41 +73,45 @@ std::string currentThreadName()
 } // namespace
 
 int platform_watchdog_register(int interval_seconds) noexcept
-try {
-    if (interval_seconds <= 0) {
-        errno = EINVAL;
+{
+    try {
+        if (interval_seconds <= 0) {
+            errno = EINVAL;
+            return -1;
+        }
+        if (notifySocket() == nullptr) {
+            return 0;
+        }
+        registry().add(gettid(), currentThreadName(), std::chrono::seconds(interval_seconds));
+        return 0;
+    } catch (const std::exception&) { // no memory left
+        errno = ENOMEM;
         return -1;
     }
-    if (notifySocket() == nullptr) {
-        return 0;
-    }
-    registry().add(gettid(), currentThreadName(), std::chrono::seconds(interval_seconds));
-    return 0;
-} catch (const std::exception&) { // no memory left
-    errno = ENOMEM;
-    return -1;
 }
 
 int platform_watchdog_notify() noexcept
-try {
-    const char* const path = notifySocket();
-    if (path == nullptr) {
-        return 0;
-    }
-    const auto outcome = registry().notify(gettid());
-    if (!outcome.registered) {
-        errno = ESRCH;
+{
+    try {
+        const char* const path = notifySocket();
+        if (path == nullptr) {
+            return 0;
+        }
+        const auto outcome = registry().notify(gettid());
+        if (!outcome.registered) {
+            errno = ESRCH;
+            return -1;
+        }
+        if (const auto reporter = stallReporter.load(); reporter != nullptr) {
+            for (const auto& stall : outcome.newStalls) {
+                reporter(stall.threadName.c_str(), stall.tid, static_cast<int>(stall.silent.count()));
+            }
+        }
+        return !outcome.allAlive || sendKeepAlive(path) ? 0 : -1;
+    } catch (const std::exception&) { // no memory left
+        errno = ENOMEM;
         return -1;
     }
-    if (const auto reporter = stallReporter.load(); reporter != nullptr) {
-        for (const auto& stall : outcome.newStalls) {
-            reporter(stall.threadName.c_str(), stall.tid, static_cast<int>(stall.silent.count()));
-        }
-    }
-    return !outcome.allAlive || sendKeepAlive(path) ? 0 : -1;
-} catch (const std::exception&) { // no memory left
-    errno = ENOMEM;
-    return -1;
 }
 
 void platform_watchdog_set_stall_reporter(platform_watchdog_stall_reporter reporter) noexcept

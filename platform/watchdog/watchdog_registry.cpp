@@ -44,9 +44,9 @@ bool WatchdogRegistry::checkStall(pid_t tid, Entry& entry, Clock::time_point now
     }
     if (!entry.told) {
         entry.told = true;
-        newStalls.push_back({.threadName = entry.threadName,
-                             .tid = tid,
-                             .silent = std::chrono::duration_cast<std::chrono::seconds>(silent)});
+        newStalls.push_back(Stall{.threadName = entry.threadName,
+                                  .tid = tid,
+                                  .silent = std::chrono::duration_cast<std::chrono::seconds>(silent)});
     }
     return true;
 }

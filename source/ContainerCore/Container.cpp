@@ -90,6 +90,7 @@ std::optional<PathBuffer> controllersOf(const PathBuffer& line)
     }
     PathBuffer controllers{};
     // The field fits: the line is no longer than the buffer.
+    // cppcheck-suppress invalidscanf
     if (std::sscanf(line.data(), "%*d:%[^:]:%*s", controllers.data()) != 1) {
         return std::nullopt;
     }

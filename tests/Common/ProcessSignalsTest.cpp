@@ -274,7 +274,7 @@ TEST(ProcessSignalsInChild, TheDaemonsHandlerDoesNotRunInIt)
         // A SIGTERM for the whole process group that comes between the fork and the launcher ends the child.
         const pid_t child = fork();
         if (child == 0) {
-            raise(SIGTERM);
+            static_cast<void>(raise(SIGTERM));
             ProcessSignals::restoreInChild();
             _exit(0);
         }

@@ -15,7 +15,6 @@
 #include <utility>
 #include <vector>
 
-using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;

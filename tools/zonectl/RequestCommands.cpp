@@ -51,6 +51,7 @@ public:
         note(stateWord(client.zoneState(zone)));
         while (!reached && Clock::now() < end) {
             g_main_context_iteration(nullptr, TRUE);
+            // cppcheck-suppress knownConditionTrueFalse; the iteration calls note().
             if (!reached && std::exchange(pollDue, false)) {
                 note(stateWord(client.zoneState(zone)));
             }
