@@ -16,24 +16,29 @@ FINDING = re.compile(r"^(?P<path>/[^:\n]+):(?P<line>\d+):\d+: (?:error|warning):
 class Cache:
     """Remembers in a directory, by an empty file each, what was clean. Without a directory it forgets."""
 
+    SIZE = 1000
+
     def __init__(self, directory):
         self.directory = directory
-        self.used = set()
         if directory:
             directory.mkdir(parents=True, exist_ok=True)
 
     def knows(self, key):
-        self.used.add(key)
-        return self.directory is not None and (self.directory / key).exists()
+        if self.directory is None or not (self.directory / key).exists():
+            return False
+        self.remember(key)
+        return True
 
     def remember(self, key):
         if self.directory:
             (self.directory / key).touch()
 
-    def forget_the_rest(self):
-        for entry in self.directory.iterdir() if self.directory else ():
-            if entry.name not in self.used:
-                entry.unlink()
+    def trim(self):
+        """Forgets what has not been asked for longest."""
+        entries = sorted(self.directory.iterdir() if self.directory else (),
+                         key=lambda entry: entry.stat().st_mtime, reverse=True)
+        for entry in entries[self.SIZE:]:
+            entry.unlink()
 
 
 class Tidy:
@@ -109,5 +114,5 @@ class Tidy:
             except BaseException:
                 pool.shutdown(cancel_futures=True)
                 raise
-        self.cache.forget_the_rest()
+        self.cache.trim()
         return findings, len(work)

@@ -55,6 +55,12 @@ def test_a_good_tree_is_clean(tree):
     assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
 
 
+
+def misspelt(name, line, header):
+    return (f'{name}:{line}: "{header}" is no header as this project spells them, '
+            'such as "ZoneCore/Zone.h" or "platform/log/platform_log.h"')
+
+
 # A file of the good tree, or a further one, with another content, and all that is then found.
 BAD = {
     # Who may include whom.
@@ -64,8 +70,7 @@ BAD = {
     "Common knows two of the platform's parts": (
         "source/Common/Clock.cpp", '#include "platform/launcher/x.h"\n',
         ["source/Common/Clock.cpp:1: Common may not include platform/launcher/x.h",
-         'source/Common/Clock.cpp:1: "platform/launcher/x.h" is no header as this project spells them, such as '
-         '"ZoneCore/Zone.h" or "platform/log/platform_log.h"']),
+         misspelt("source/Common/Clock.cpp", 1, "platform/launcher/x.h")]),
     "ContainerCore knows no zone": (
         "source/ContainerCore/Box.cpp", '#include "ZoneCore/Zone.h"\n',
         ["source/ContainerCore/Box.cpp:1: ContainerCore may not include ZoneCore/Zone.h"]),
@@ -77,8 +82,7 @@ BAD = {
         ["include_internal/ZoneCore/Zone.h:1: ZoneCore may not include DBusCore/Door.h"]),
     "nobody knows main": (
         "source/DBusCore/Door.cpp", '#include "main/Lock.h"\n',
-        ['source/DBusCore/Door.cpp:1: "main/Lock.h" is no header as this project spells them, such as '
-         '"ZoneCore/Zone.h" or "platform/log/platform_log.h"',
+        [misspelt("source/DBusCore/Door.cpp", 1, "main/Lock.h"),
          "source/DBusCore/Door.cpp:1: DBusCore may not include main/Lock.h"]),
     "the platform does not know the daemon": (
         "platform/watchdog/watchdog.cpp", '#include "Common/Clock.h"\n',
@@ -99,13 +103,15 @@ BAD = {
         ["source/ZoneCore/Zone.cpp:4: g_bus_get_sync: GDBus is for DBusCore and the tools alone"]),
     "liblxc": (
         "source/ZoneCore/Zone.cpp", "#include <lxc/lxccontainer.h>\n",
-        ["source/ZoneCore/Zone.cpp:1: lxc/lxccontainer.h is for ContainerCore, the factory and the registry"]),
+        ["source/ZoneCore/Zone.cpp:1: lxc/lxccontainer.h is for ContainerCore, "
+         "the factory and the registry"]),
     # The log.
     "the log service's header": (
         "source/ZoneCore/Zone.cpp", '#include "platform/log/platform_log.h"\n',
         ["source/ZoneCore/Zone.cpp:1: platform/log/platform_log.h is for Common/Log.h alone"]),
     "the log service's call": (
-        "source/ZoneCore/Zone.cpp", 'const char* text = "platform_log_write(";\nint i = platform_log_write(1);\n',
+        "source/ZoneCore/Zone.cpp",
+        'const char* text = "platform_log_write(";\nint i = platform_log_write(1);\n',
         ["source/ZoneCore/Zone.cpp:2: platform_log_write is for the macros of Common/Log.h alone"]),
     "a format that is no literal": (
         "source/ZoneCore/Zone.cpp", 'ZLOGE("good %d", 1);\nZLOGE(\n    "good");\nZLOGE(text);\n',
@@ -115,13 +121,14 @@ BAD = {
         ["source/ZoneCore/Zone.cpp:1: ZLOG is for the five macros of Common/Log.h alone"]),
     "the console": (
         "source/ZoneCore/Zone.cpp",
-        'std::snprintf(a, 1, "printf(");\nstd::printf("x");\n/* printf(\n"x") */ g_print("x");\nstd::cerr << 1;\n',
+        'std::snprintf(a, 1, "printf(");\nstd::printf("x");\n/* printf(\n"x") */ g_print("x");\n'
+        'std::cerr << 1;\n',
         ["source/ZoneCore/Zone.cpp:2: printf: write to the log, by the macros of Common/Log.h",
          "source/ZoneCore/Zone.cpp:4: g_print: write to the log, by the macros of Common/Log.h",
          "source/ZoneCore/Zone.cpp:5: std::cerr: write to the log, by the macros of Common/Log.h"]),
     # Pairs.
     "a source without a header": (
-        "source/ZoneCore/ZoneStart.cpp", "\n" * 0,
+        "source/ZoneCore/ZoneStart.cpp", "",
         ["source/ZoneCore/ZoneStart.cpp:1: has no include_internal/ZoneCore/ZoneStart.h"]),
     "a header without a source": (
         "include_internal/Common/Lonely.h", "#pragma once\n",
@@ -131,13 +138,12 @@ BAD = {
         ["source/main/main.cpp:1: has include_internal/main/main.h: house-rules need no exception"]),
     # Spelling.
     "a path that starts at the wrong place": (
-        "source/ZoneCore/Zone.cpp", '#include "include_internal/ZoneCore/Zone.h"\n#include "../Common/Clock.h"\n'
-                                    '#include "Zone.h"\n',
-        [f'source/ZoneCore/Zone.cpp:{line}: "{name}" is no header as this project spells them, such as '
-         '"ZoneCore/Zone.h" or "platform/log/platform_log.h"'
-         for line, name in ((1, "include_internal/ZoneCore/Zone.h"), (2, "../Common/Clock.h"), (3, "Zone.h"))]
-        + [f"source/ZoneCore/Zone.cpp:{line}: ZoneCore may not include {name}"
-           for line, name in ((1, "include_internal/ZoneCore/Zone.h"), (2, "../Common/Clock.h"), (3, "Zone.h"))]),
+        "source/ZoneCore/Zone.cpp",
+        '#include "include_internal/ZoneCore/Zone.h"\n#include "../Common/Clock.h"\n#include "Zone.h"\n',
+        [finding
+         for line, name in ((1, "include_internal/ZoneCore/Zone.h"), (2, "../Common/Clock.h"), (3, "Zone.h"))
+         for finding in (misspelt("source/ZoneCore/Zone.cpp", line, name),
+                         f"source/ZoneCore/Zone.cpp:{line}: ZoneCore may not include {name}")]),
     "own headers in angles": (
         "source/ZoneCore/Zone.cpp", "#include <string>\n#include <ZoneCore/Zone.h>\n",
         ['source/ZoneCore/Zone.cpp:2: this project\'s own headers stand in quotes: "ZoneCore/Zone.h"']),
@@ -149,17 +155,17 @@ BAD = {
          "tests/Common/ClockTest.cpp:3: GTEST_SKIP without a reason"]),
     "pytest's calls": (
         "tests/system/test_x.py",
-        'import pytest\npytest.skip()\npytest.skip("no clock")\npytest.skip(reason=f"no {1}")\npytest.skip("")\n'
-        'pytest.importorskip("gi")\npytest.xfail()\n',
+        'import pytest\npytest.skip()\npytest.skip("no clock")\npytest.skip(reason=f"no {1}")\n'
+        'pytest.skip("")\npytest.importorskip("gi")\npytest.xfail()\n',
         ["tests/system/test_x.py:2: pytest.skip without a reason",
          "tests/system/test_x.py:5: pytest.skip without a reason",
          "tests/system/test_x.py:6: pytest.importorskip: scripts/setup installs what a test needs",
          "tests/system/test_x.py:7: pytest.xfail without a reason"]),
     "pytest's marks": (
         "tests/system/test_x.py",
-        'import pytest\nA = pytest.mark.skip\nB = pytest.mark.skip("no clock")\nC = pytest.mark.skipif(True)\n'
-        'D = pytest.mark.skipif(True, reason="no clock")\nE = pytest.mark.xfail\n'
-        'F = pytest.mark.xfail(reason=" ")\n',
+        'import pytest\nA = pytest.mark.skip\nB = pytest.mark.skip("no clock")\n'
+        'C = pytest.mark.skipif(True)\nD = pytest.mark.skipif(True, reason="no clock")\n'
+        'E = pytest.mark.xfail\nF = pytest.mark.xfail(reason=" ")\n',
         ["tests/system/test_x.py:2: pytest.mark.skip without a reason",
          "tests/system/test_x.py:4: pytest.mark.skipif without a reason",
          "tests/system/test_x.py:6: pytest.mark.xfail without a reason",

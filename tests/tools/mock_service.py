@@ -1,8 +1,9 @@
 """Stands in for the zone manager on the bus whose address is the only argument.
 
-Zones: "nav" is stopped and starts when asked to, "media" runs, "icy" is frozen, "stuck" takes every request and does
-nothing, "brief" stops as soon as it runs, "guard" is refused as a protection zone is, "mute" is never answered about, "odd" is answered in a wrong form,
-"angry" raises an error. The method ZoneLock emits a malformed state signal and then a sound one.
+Zones: "nav" is stopped and starts when asked to, "media" runs, "icy" is frozen, "stuck" takes every request
+and does nothing, "brief" stops as soon as it runs, "guard" is refused as a protection zone is, "mute" is
+never answered about, "odd" is answered in a wrong form, "angry" raises an error. The method ZoneLock emits a
+malformed state signal and then a sound one.
 """
 
 import sys
@@ -93,7 +94,8 @@ def main():
     loop = GLib.MainLoop()
     connection = Gio.DBusConnection.new_for_address_sync(
         sys.argv[1],
-        Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None)
+        Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION,
+        None, None)
     connection.connect("closed", lambda *_: loop.quit())
     interface = Gio.DBusNodeInfo.new_for_xml(INTROSPECTION).interfaces[0]
     connection.register_object(PATH, interface, Service(connection).on_call, None, None)

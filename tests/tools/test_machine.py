@@ -21,7 +21,8 @@ def container(root, name, kind, *lines):
     """Defines a container; the kind is its configuration line's value, or None for no such line."""
     directory = root / "var/lib/lxc" / name
     (directory / "rootfs").mkdir(parents=True)
-    text = [f"lxc.rootfs.path = dir:/var/lib/lxc/{name}/rootfs", f"lxc.cgroup.dir.container = lxc.payload/{name}"]
+    text = [f"lxc.rootfs.path = dir:/var/lib/lxc/{name}/rootfs",
+            f"lxc.cgroup.dir.container = lxc.payload/{name}"]
     text += [f"zone.container_type = {kind}"] if kind else []
     (directory / "config").write_text("\n".join([*text, *lines]) + "\n")
     return directory
@@ -136,8 +137,8 @@ def test_labels_of_all_kinds(machine):
     protected(machine)
     status, rows = labels(machine)
     assert status == 0
-    assert rows["/run/lxc"] == {"path": "/run/lxc", "zone": None, "label": "!", "wanted": "!", "enforced": True,
-                                "good": True, "verdict": "ok"}
+    assert rows["/run/lxc"] == {"path": "/run/lxc", "zone": None, "label": "!", "wanted": "!",
+                                "enforced": True, "good": True, "verdict": "ok"}
     assert rows["/opt/var/lib/lxc/nav"]["wanted"] == "System"
     assert rows["/opt/var/lib/lxc/guard"]["verdict"] == "set at the daemon's start"
     assert rows["/var/lib/lxc/nav"]["verdict"] == "ok, any label will do"

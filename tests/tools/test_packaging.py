@@ -98,9 +98,9 @@ def test_others_hear_of_state_changes(policed_bus, tmp_path):
 
 def test_others_are_told_that_they_may_not(policed_bus, tmp_path):
     service = bus_fixtures.MockService(policed_bus.address)
-    result = subprocess.run([reachable_copy(tmp_path), "start", "nav"], user=NOBODY, text=True, capture_output=True,
-                            env=bus_fixtures.environment(policed_bus.address), check=False,
-                            timeout=bus_fixtures.DEADLINE)
+    result = subprocess.run([reachable_copy(tmp_path), "start", "nav"], user=NOBODY, text=True,
+                            capture_output=True, env=bus_fixtures.environment(policed_bus.address),
+                            check=False, timeout=bus_fixtures.DEADLINE)
     assert result.returncode == 1 and "are you root?" in result.stderr
     service.stop()
 
@@ -147,7 +147,8 @@ def test_tmpfiles_make_and_label_the_directories(tmp_path):
     (tmp_path / "run").mkdir()
     (tmp_path / "opt").mkdir()
     subprocess.run(["systemd-tmpfiles", "--create", f"--root={tmp_path}",
-                    PACKAGING / "tmpfiles.d" / "zone-manager.conf"], check=True, timeout=bus_fixtures.DEADLINE)
+                    PACKAGING / "tmpfiles.d" / "zone-manager.conf"], check=True,
+                   timeout=bus_fixtures.DEADLINE)
     assert (tmp_path / "opt/var/lib/lxc").is_dir()
     for path in ("run/lxc", "opt/zone/template/securedata"):
         assert os.getxattr(tmp_path / path, "security.SMACK64") == b"!"

@@ -21,9 +21,9 @@ def refused(result, status):
 
 
 @pytest.mark.parametrize("arguments", [
-    (), ("frobnicate",), ("list", "extra"), ("state",), ("state", ""), ("start", "a", "b"), ("list", "--nonsense"),
-    ("list", "--timeout", "soon"), ("list", "--timeout=0"), ("list", "--color=blue"), ("watch", "--wait"),
-    ("list", "--root", "/image"), ("doctor", "--root", "relative"),
+    (), ("frobnicate",), ("list", "extra"), ("state",), ("state", ""), ("start", "a", "b"),
+    ("list", "--nonsense"), ("list", "--timeout", "soon"), ("list", "--timeout=0"), ("list", "--color=blue"),
+    ("watch", "--wait"), ("list", "--root", "/image"), ("doctor", "--root", "relative"),
 ])
 def test_wrong_usage(arguments):
     result = bus_fixtures.zonectl(*arguments)
@@ -218,8 +218,8 @@ def on_a_terminal(bus, *arguments, **extra):
     """What the program writes when its standard output is a terminal."""
     leader, follower = pty.openpty()
     subprocess.run([str(bus_fixtures.ZONECTL), *arguments],
-                   env=bus_fixtures.environment(bus.address, TERM="xterm", **extra), stdout=follower, check=True,
-                   timeout=bus_fixtures.DEADLINE)
+                   env=bus_fixtures.environment(bus.address, TERM="xterm", **extra), stdout=follower,
+                   check=True, timeout=bus_fixtures.DEADLINE)
     os.close(follower)
     output = os.read(leader, 65536).decode()
     os.close(leader)
@@ -237,7 +237,8 @@ def test_color_only_where_it_is_wanted(bus, service, zonectl):
 
 def test_output_that_cannot_be_written(bus, service):
     with open("/dev/full", "w", encoding="ascii") as full:
-        result = subprocess.run([str(bus_fixtures.ZONECTL), "list"], env=bus_fixtures.environment(bus.address),
-                                stdout=full, stderr=subprocess.PIPE, text=True, timeout=bus_fixtures.DEADLINE,
+        result = subprocess.run([str(bus_fixtures.ZONECTL), "list"],
+                                env=bus_fixtures.environment(bus.address), stdout=full,
+                                stderr=subprocess.PIPE, text=True, timeout=bus_fixtures.DEADLINE,
                                 check=False)
     assert refused(result, 1)

@@ -148,9 +148,9 @@ class Daemon:
         return self._wait(lambda: self.find(wanted, after, level), timeout, wanted)
 
     def wait_order(self, *wanted, timeout=10.0, after=0):
-        """Waits for records and returns them. Those of one thread must come in the given order; what two threads
-        write at the same time has none: a line that tells of something sent is written after the sending, and the
-        receiver may have told of it by then."""
+        """Waits for records and returns them. Those of one thread must come in the given order; what two
+        threads write at the same time has none: a line that tells of something sent is written after the
+        sending, and the receiver may have told of it by then."""
         found = []
         reached = {}
 

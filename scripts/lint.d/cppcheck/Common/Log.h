@@ -1,7 +1,7 @@
 #pragma once
 
-// What cppcheck reads in the place of include_internal/Common/Log.h: it does not know __VA_OPT__ and would leave
-// every source that writes to the log unchecked.
+// What cppcheck reads in the place of include_internal/Common/Log.h: it does not know __VA_OPT__ and would
+// leave every source that writes to the log unchecked.
 
 #include <cstdio>
 
