@@ -17,12 +17,13 @@ from tree import Tree  # noqa: E402
 
 
 def lint(*arguments):
-    return subprocess.run([PROJECT / "scripts" / "lint", *arguments], capture_output=True, text=True, timeout=120,
-                          check=False)
+    return subprocess.run([PROJECT / "scripts" / "lint", *arguments], capture_output=True, text=True,
+                          timeout=120, check=False)
 
 
 @pytest.mark.parametrize("arguments", [
-    ("--nonsense",), ("here",), ("--only",), ("--only", "nonsense"), ("--preset",), ("--preset", "nonsense"),
+    ("--nonsense",), ("here",), ("--only",), ("--only", "nonsense"), ("--preset",),
+    ("--preset", "nonsense"), ("--preset", "base"),
 ])
 def test_refuses_a_wrong_call(arguments):
     result = lint(*arguments)
