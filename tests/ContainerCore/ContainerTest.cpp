@@ -11,9 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <csignal>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <memory>
@@ -42,9 +40,6 @@ constexpr const char* LAUNCHER = "/zone/config/zone-launcher";
 constexpr const char* REPORT = "/tmp/launcher-report";
 constexpr const char* PID_FILE = "/var/run/lxc/pid/zone.pid";
 
-bool forkFails = false;
-bool waitFails = false;
-
 } // namespace
 
 extern "C" {
@@ -54,27 +49,6 @@ int lxc_container_put(lxc_container* container)
     ++FakeContainer::of(container).puts;
     return 0;
 }
-
-// Take the places of the C library's in this program.
-pid_t fork()
-{
-    if (forkFails) {
-        errno = EAGAIN;
-        return -1;
-    }
-    return reinterpret_cast<pid_t (*)()>(dlsym(RTLD_NEXT, "fork"))();
-}
-
-pid_t waitpid(pid_t pid, int* status, int options)
-{
-    const auto result =
-        reinterpret_cast<pid_t (*)(pid_t, int*, int)>(dlsym(RTLD_NEXT, "waitpid"))(pid, status, options);
-    if (waitFails) {
-        errno = ECHILD;
-        return -1;
-    }
-    return result;
-}
 }
 
 namespace {
@@ -83,13 +57,6 @@ class ContainerTest : public ZoneTest::InPrivateRoot
 {
 protected:
     ContainerTest() { container->setHandle(&lxc); }
-
-    ~ContainerTest() override
-    {
-        forkFails = false;
-        waitFails = false;
-        container.reset();
-    }
 
     LogCapture log;
     FakeContainer lxc{"zone"};
@@ -311,27 +278,6 @@ TEST_F(ContainerLaunch, StartClearsAwayWhatAnEarlierRunLeftFirst)
     EXPECT_TRUE(left.wasKilled());
 }
 
-TEST_F(ContainerLaunch, StartReportsAFailedFork)
-{
-    lxc.running = true;
-    forkFails = true;
-    EXPECT_FALSE(container->start());
-    EXPECT_THAT(log.texts(), ElementsAre("E Failed to fork zone"));
-    EXPECT_EQ(lxc.runningTests, 0);
-}
-
-TEST_F(ContainerLaunch, StartReportsAFailedWait)
-{
-    installLauncher("echo $$ >" + std::string(REPORT));
-    lxc.running = true;
-    waitFails = true;
-    EXPECT_FALSE(container->start());
-    const std::string pid = std::to_string(std::stoi(readFile(REPORT)));
-    EXPECT_THAT(log.texts(), ElementsAre("E Failed to waitpid : " + pid + " - \"No child processes\"",
-                                         "E Failed wait_for_pid - pid : " + pid));
-    EXPECT_EQ(lxc.runningTests, 0);
-}
-
 // Stop
 
 TEST_F(ContainerLaunch, StopRunsTheLauncherAndWaitsForIt)
@@ -363,23 +309,6 @@ TEST_F(ContainerLaunch, AStopThatDidNotWorkLeavesEverythingInPlace)
     EXPECT_FALSE(container->stop());
     EXPECT_TRUE(left.isAlive());
     EXPECT_THAT(log.texts(), IsEmpty());
-}
-
-TEST_F(ContainerLaunch, StopReportsAFailedFork)
-{
-    forkFails = true;
-    EXPECT_FALSE(container->stop());
-    EXPECT_THAT(log.texts(), ElementsAre("E Failed to fork zone - \"Resource temporarily unavailable\""));
-}
-
-TEST_F(ContainerLaunch, StopReportsAFailedWait)
-{
-    installLauncher("echo $$ >" + std::string(REPORT));
-    waitFails = true;
-    EXPECT_FALSE(container->stop());
-    const std::string pid = std::to_string(std::stoi(readFile(REPORT)));
-    EXPECT_THAT(log.texts(), ElementsAre("E Failed to waitpid : " + pid + " - \"No child processes\"",
-                                         "E Failed wait_for_pid - pid : " + pid));
 }
 
 // What the launcher inherits
