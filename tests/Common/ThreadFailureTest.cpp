@@ -3,11 +3,11 @@
 #include "tests/Common/ThreadProbe.h"
 #include "tests/support/unit/Eventually.h"
 #include "tests/support/unit/LogCapture.h"
+#include "tests/support/unit/Seam.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
 #include <memory>
 #include <string>
 
@@ -18,6 +18,7 @@ using ZoneCore::Thread;
 using ZoneCore::ZoneEvent;
 using ZoneTest::endLoop;
 using ZoneTest::eventually;
+using ZoneTest::genuine;
 using ZoneTest::LogCapture;
 using ZoneTest::nameAndId;
 using ZoneTest::ThreadProbe;
@@ -30,16 +31,12 @@ const char* failing = nullptr;
 AsyncEventQueue* losesQueueWhenLocked = nullptr;
 AsyncEventQueue* losesQueueWhenPushed = nullptr;
 int droppedContexts = 0;
+/// A new thread is not told whose it is.
+bool losesItsObject = false;
 
 bool fails(const char* function)
 {
     return failing != nullptr && std::string(failing) == function;
-}
-
-template <typename Function>
-Function genuine(Function /*type*/, const char* name)
-{
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
 } // namespace
@@ -83,7 +80,13 @@ GSource* g_timeout_source_new(guint interval)
 
 GThread* g_thread_new(const gchar* name, GThreadFunc function, gpointer data)
 {
-    return fails("g_thread_new") ? nullptr : genuine(&g_thread_new, "g_thread_new")(name, function, data);
+    if (fails("g_thread_new")) {
+        return nullptr;
+    }
+    if (losesItsObject) {
+        *static_cast<Thread**>(data) = nullptr; // what it gets begins with that
+    }
+    return genuine(&g_thread_new, "g_thread_new")(name, function, data);
 }
 
 GAsyncQueue* g_async_queue_new()
@@ -116,6 +119,7 @@ protected:
     ~ThreadFailure() override
     {
         failing = nullptr;
+        losesItsObject = false;
         losesQueueWhenLocked = nullptr;
         losesQueueWhenPushed = nullptr;
     }
@@ -255,6 +259,19 @@ TEST_F(ThreadFailure, ThereIsNoThread)
     EXPECT_THAT(log.texts(), ElementsAre("E Failed to create gthread object(thread name : zone)"));
     EXPECT_FALSE(thread->isRunning());
     EXPECT_TRUE(thread->closeGate()) << "nobody is inside";
+    destroy(thread);
+}
+
+TEST_F(ThreadFailure, AThreadWithoutItsObjectEndsAtOnce)
+{
+    auto* thread = new ThreadProbe("zone");
+    losesItsObject = true;
+    log.clear();
+    EXPECT_TRUE(thread->run());
+    static_cast<void>(g_thread_join(g_thread_ref(thread->gthread)));
+    EXPECT_THAT(log.texts(),
+                testing::UnorderedElementsAre("I thread is created" + nameAndId("zone"), "E thread is NULL"));
+    EXPECT_FALSE(thread->isRunning());
     destroy(thread);
 }
 
