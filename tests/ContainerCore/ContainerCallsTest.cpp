@@ -150,7 +150,7 @@ std::vector<std::string> joined(std::vector<std::string> first, const std::vecto
 
 TEST_F(ContainerCleanUpCalls, TakeTheirStepsInOrder)
 {
-    machine.files[PID_FILE] = {"11 12\n"};
+    machine.files[PID_FILE] = {"1 12\n"};
     machine.files[CGROUPS] = {
         "12:name=systemd:/\n11:cpu,cpuacct:/\n10:memory:/a:b\n9:pids:/x\n0::/\n7:freezer:/\n"};
     machine.directories = {payload("name=systemd"), payload("memory"), payload("pids"), payload(""),
@@ -161,7 +161,7 @@ TEST_F(ContainerCleanUpCalls, TakeTheirStepsInOrder)
     EXPECT_THAT(log.texts(), ElementsAre("D access(/var/run/lxc/pid/zone.pid, 0)",
                                          "D fopen(/var/run/lxc/pid/zone.pid, re)", //
                                          "D fclose(/var/run/lxc/pid/zone.pid)",    //
-                                         "D kill(11, 9)", "D kill(12, 9)",         //
+                                         "D kill(1, 9)", "D kill(12, 9)",          //
                                          "D fopen(/proc/self/cgroup, re)",
                                          "D access(/sys/fs/cgroup/cpu,cpuacct/lxc.payload/zone, 0)",
                                          "D access(/sys/fs/cgroup/memory/lxc.payload/zone, 0)",

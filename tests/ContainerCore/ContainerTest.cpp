@@ -320,7 +320,11 @@ TEST_F(ContainerLaunch, TheLauncherInheritsTheStandardDescriptorsOnly)
     ZoneCore::UniqueFd high(fcntl(low.get(), F_DUPFD, 900));
     ASSERT_TRUE(low);
     ASSERT_TRUE(high);
-    static_cast<void>(container->start());
+    EXPECT_EQ(statusOfChild([&] {
+                  dup2(low.get(), STDERR_FILENO + 1);
+                  static_cast<void>(container->start());
+              }),
+              0);
 
     std::vector<std::string> numbers;
     std::istringstream lines(readFile(REPORT));

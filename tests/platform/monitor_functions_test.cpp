@@ -1,5 +1,7 @@
 #include "platform/lxc_adapter/monitor_functions.h"
 
+#include "tests/platform/no_memory.h"
+
 #include <array>
 #include <cerrno>
 #include <cstddef>
@@ -80,6 +82,18 @@ TEST(MonitorFunctions, TheSocketNameIsTheHashAndThePath)
 {
     // What the distribution's lxc-monitor connects to.
     EXPECT_EQ(abstractName("/var/lib/lxc"), "lxc/ad055575fe28ddd5//var/lib/lxc");
+}
+
+TEST(MonitorFunctions, WithoutMemoryThereAreNoNames)
+{
+    std::array<char, 4096> buffer{};
+    sockaddr_un address = {};
+    const PlatformTest::NoMemory none;
+    const int fifo = lxc_monitor_fifo_name("/var/lib/lxc", buffer.data(), buffer.size(), 0);
+    const int socket = lxc_monitor_sock_name("/var/lib/lxc", &address);
+    PlatformTest::NoMemory::inForce = false;
+    EXPECT_EQ(fifo, -1);
+    EXPECT_EQ(socket, -1);
 }
 
 TEST(MonitorFunctions, ALongSocketNameIsCut)

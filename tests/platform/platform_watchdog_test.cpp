@@ -1,7 +1,10 @@
 #include "platform/watchdog/platform_watchdog.h"
 
+#include "tests/platform/no_memory.h"
+
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <thread>
@@ -119,14 +123,17 @@ TEST(PlatformWatchdog, ANotifySendsOneKeepAlive)
 
 TEST(PlatformWatchdog, AnIntervalThatIsNotPositiveIsRefused)
 {
-    EXPECT_EQ(platform_watchdog_register(0), -1);
-    EXPECT_EQ(platform_watchdog_register(-5), -1);
+    for (const int interval : {0, -5}) {
+        errno = 0;
+        EXPECT_EQ(platform_watchdog_register(interval), -1);
+        EXPECT_EQ(errno, EINVAL);
+    }
 }
 
 TEST(PlatformWatchdog, AThreadThatIsNotRegisteredSendsNothing)
 {
     const NotifySocket manager(uniqueName("@zone-watchdog-test-"));
-    EXPECT_EQ(onNewThread([] { return platform_watchdog_notify(); }), -1);
+    EXPECT_EQ(onNewThread([] { return platform_watchdog_notify() == -1 ? errno : 0; }), ESRCH);
     EXPECT_EQ(manager.next(), "");
 }
 
@@ -145,9 +152,76 @@ TEST(PlatformWatchdog, AServiceManagerThatIsGoneOrFullIsNotWaitedFor)
     }
     setenv("NOTIFY_SOCKET", name.c_str(), 1);
     EXPECT_EQ(platform_watchdog_notify(), -1);
-    setenv("NOTIFY_SOCKET", std::string(200, 'x').c_str(), 1);
-    EXPECT_EQ(platform_watchdog_notify(), -1);
     unsetenv("NOTIFY_SOCKET");
+}
+
+TEST(PlatformWatchdog, AnAddressFillsTheFieldButIsNeverCut)
+{
+    const std::string longest = "/tmp/" + std::string(sizeof(sockaddr_un::sun_path) - 1 - 5, 'x');
+    const NotifySocket manager(longest);
+    ASSERT_TRUE(manager.bound());
+    ASSERT_EQ(platform_watchdog_register(360), 0);
+    EXPECT_EQ(platform_watchdog_notify(), 0);
+    EXPECT_EQ(manager.next(), "WATCHDOG=1");
+    for (const std::size_t more : {1U, 100U}) {
+        setenv("NOTIFY_SOCKET", (longest + std::string(more, 'x')).c_str(), 1);
+        errno = 0;
+        EXPECT_EQ(platform_watchdog_notify(), -1);
+        EXPECT_EQ(errno, ENAMETOOLONG);
+        EXPECT_EQ(manager.next(), "");
+    }
+}
+
+TEST(PlatformWatchdog, AnEmptyAddressIsNone)
+{
+    setenv("NOTIFY_SOCKET", "", 1);
+    EXPECT_EQ(onNewThread([] { return platform_watchdog_notify(); }), 0);
+    unsetenv("NOTIFY_SOCKET");
+}
+
+TEST(PlatformWatchdog, WithoutADescriptorTheKeepAliveIsLost)
+{
+    const NotifySocket manager(uniqueName("@zone-watchdog-test-"));
+    ASSERT_EQ(platform_watchdog_register(360), 0);
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none{0, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const int result = platform_watchdog_notify();
+    const int error = errno;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(error, EMFILE);
+    EXPECT_EQ(platform_watchdog_notify(), 0);
+    EXPECT_EQ(manager.next(), "WATCHDOG=1");
+}
+
+TEST(PlatformWatchdog, WithoutMemoryThereIsNoRegistration)
+{
+    const NotifySocket manager(uniqueName("@zone-watchdog-test-"));
+    const int error = onNewThread([] {
+        const PlatformTest::NoMemory none;
+        return platform_watchdog_register(360) == -1 ? errno : 0;
+    });
+    EXPECT_EQ(error, ENOMEM);
+}
+
+TEST(PlatformWatchdog, WithoutMemoryForAStallTheKeepAliveIsHeldBack)
+{
+    const NotifySocket manager(uniqueName("@zone-watchdog-test-"));
+    ASSERT_EQ(platform_watchdog_register(1), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    int result = 0;
+    int error = 0;
+    {
+        const PlatformTest::NoMemory none;
+        result = platform_watchdog_notify();
+        error = errno;
+    }
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(error, ENOMEM);
+    EXPECT_EQ(manager.next(), "");
+    EXPECT_EQ(platform_watchdog_register(360), 0); // for the next test
 }
 
 TEST(PlatformWatchdog, AStalledThreadStopsTheKeepAlivesAndIsNamedOnce)

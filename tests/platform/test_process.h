@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tests/support/unit/ChildProcess.h"
+
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -9,9 +11,11 @@
 #include <map>
 #include <poll.h>
 #include <string>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 namespace PlatformTest {
 
@@ -81,10 +85,30 @@ inline ProcessResult runInChild(const std::map<std::string, std::string>& enviro
                 setenv(name.c_str(), value.c_str(), 1);
             }
         }
-        _exit(body());
+        ZoneTest::endChild(body());
     }
     close(ends[1]);
     return collect(child, ends[0], limit);
+}
+
+/// Runs a program as the daemon would: with the umask 0.
+inline ProcessResult run(std::vector<std::string> words,
+                         const std::map<std::string, std::string>& environment = {})
+{
+    return runInChild(
+        environment,
+        [&] {
+            std::vector<char*> arguments;
+            arguments.reserve(words.size() + 1);
+            for (auto& word : words) {
+                arguments.push_back(word.data());
+            }
+            arguments.push_back(nullptr);
+            umask(0); // as the daemon's
+            execvp(arguments[0], arguments.data());
+            return 127;
+        },
+        std::chrono::seconds(60));
 }
 
 } // namespace PlatformTest

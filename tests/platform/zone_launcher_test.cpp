@@ -18,28 +18,11 @@ namespace {
 
 namespace fs = std::filesystem;
 using PlatformTest::ProcessResult;
+using PlatformTest::run;
 using PlatformTest::runInChild;
 using std::chrono::steady_clock;
 
 constexpr char PID_DIRECTORY[] = "/var/run/lxc/pid";
-
-ProcessResult run(std::vector<std::string> words, const std::map<std::string, std::string>& environment = {})
-{
-    return runInChild(
-        environment,
-        [&] {
-            std::vector<char*> arguments;
-            arguments.reserve(words.size() + 1);
-            for (auto& word : words) {
-                arguments.push_back(word.data());
-            }
-            arguments.push_back(nullptr);
-            umask(0); // as the daemon's
-            execvp(arguments[0], arguments.data());
-            return 127;
-        },
-        std::chrono::seconds(60));
-}
 
 ProcessResult launcher(const std::string& operation, const std::string& name,
                        const std::map<std::string, std::string>& environment = {})
