@@ -4,6 +4,7 @@
 
 #include "tests/ContainerCore/FakeContainer.h"
 #include "tests/ContainerCore/FakeMachine.h"
+#include "tests/ContainerCore/LaunchGuard.h"
 #include "tests/support/unit/LogCapture.h"
 
 #include <gmock/gmock.h>

@@ -3,6 +3,7 @@
 #include "Common/Handles.h"
 #include "Common/ProcessSignals.h"
 #include "tests/ContainerCore/FakeContainer.h"
+#include "tests/ContainerCore/LaunchGuard.h"
 #include "tests/ContainerCore/Victim.h"
 #include "tests/support/unit/ChildProcess.h"
 #include "tests/support/unit/LogCapture.h"
