@@ -88,10 +88,13 @@ TEST(MonitorFunctions, WithoutMemoryThereAreNoNames)
 {
     std::array<char, 4096> buffer{};
     sockaddr_un address = {};
-    const PlatformTest::NoMemory none;
-    const int fifo = lxc_monitor_fifo_name("/var/lib/lxc", buffer.data(), buffer.size(), 0);
-    const int socket = lxc_monitor_sock_name("/var/lib/lxc", &address);
-    PlatformTest::NoMemory::inForce = false;
+    int fifo = 0;
+    int socket = 0;
+    {
+        const PlatformTest::NoMemory none;
+        fifo = lxc_monitor_fifo_name("/var/lib/lxc", buffer.data(), buffer.size(), 0);
+        socket = lxc_monitor_sock_name("/var/lib/lxc", &address);
+    }
     EXPECT_EQ(fifo, -1);
     EXPECT_EQ(socket, -1);
 }

@@ -18,6 +18,7 @@
 #include <string>
 #include <string_view>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -283,6 +284,14 @@ TEST(PlatformLogConsole, AReaderThatIsGoneNeitherEndsNorHoldsTheProcess)
         sigset_t pending;
         sigpending(&pending);
         CHILD_CHECK(sigismember(&pending, SIGPIPE) == 0);
+        sigset_t sigpipe;
+        sigemptyset(&sigpipe);
+        sigaddset(&sigpipe, SIGPIPE);
+        CHILD_CHECK(pthread_sigmask(SIG_BLOCK, &sigpipe, nullptr) == 0);
+        CHILD_CHECK(raise(SIGPIPE) == 0);
+        CHILD_CHECK(LOG_RECORD(PLATFORM_LOG_INFO, 1, "lost") == -1);
+        sigpending(&pending);
+        CHILD_CHECK(sigismember(&pending, SIGPIPE) == 1); // somebody else's
         close(output);
         return 0;
     });
@@ -503,6 +512,24 @@ TEST(PlatformLogJournal, TheSocketIsCloseOnExecAndAboveTheStandardDescriptors)
         });
         EXPECT_EQ(result.exitStatus, 0) << result.output;
     }
+}
+
+TEST(PlatformLogJournal, WithoutADescriptorEveryRecordIsLost)
+{
+    const auto result = runInChild(target("journal"), [] {
+        CHILD_CHECK(usePrivateRunAndDev());
+        const Receiver receiver(JOURNAL_SOCKET);
+        rlimit limit{};
+        CHILD_CHECK(getrlimit(RLIMIT_NOFILE, &limit) == 0);
+        const rlimit none{0, limit.rlim_max};
+        CHILD_CHECK(setrlimit(RLIMIT_NOFILE, &none) == 0);
+        CHILD_CHECK(LOG_RECORD(PLATFORM_LOG_INFO, 1, "x") == -1);
+        CHILD_CHECK(setrlimit(RLIMIT_NOFILE, &limit) == 0);
+        CHILD_CHECK(LOG_RECORD(PLATFORM_LOG_INFO, 2, "x") == -1);
+        CHILD_CHECK(!receiver.next());
+        return 0;
+    });
+    EXPECT_EQ(result.exitStatus, 0) << result.output;
 }
 
 TEST(PlatformLogSyslog, SendsFacilityDaemonLevelAndIdent)
