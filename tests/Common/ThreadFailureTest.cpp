@@ -220,6 +220,8 @@ TEST_F(ThreadFailure, ThereIsNoQueue)
     failing = "g_async_queue_new";
     EXPECT_FALSE(thread->createEventQueue());
     EXPECT_THAT(log.texts(), ElementsAre("E Failed to create the async queue of thread" + nameAndId("zone")));
+    EXPECT_THAT(log.otherLines(), Contains(testing::HasSubstr("g_async_queue_unref: assertion")))
+        << "the holder is deleted, which hands its null queue to GLib";
     EXPECT_FALSE(thread->hasEventQueue());
     destroy(thread);
 }
@@ -231,6 +233,20 @@ TEST_F(ThreadFailure, ThereIsNoEventSource)
     failing = "g_source_new";
     EXPECT_FALSE(thread->attachEventSource());
     EXPECT_THAT(log.texts(), testing::IsEmpty());
+    EXPECT_EQ(thread->eventSource, nullptr);
+    destroy(thread);
+}
+
+TEST_F(ThreadFailure, ThereIsNoSecondEventSourceAndTheFirstIsGone)
+{
+    auto* thread = new ThreadProbe("zone");
+    ASSERT_TRUE(thread->attachEventSource());
+    log.clear();
+    failing = "g_source_new";
+    EXPECT_FALSE(thread->attachEventSource());
+    EXPECT_THAT(log.texts(),
+                ElementsAre("W [THREAD] event source is already created" + nameAndId("zone"),
+                            "I release the event source from the main context" + nameAndId("zone")));
     EXPECT_EQ(thread->eventSource, nullptr);
     destroy(thread);
 }
