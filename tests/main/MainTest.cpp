@@ -11,10 +11,7 @@
 #include <sys/wait.h>
 #include <vector>
 
-using testing::Contains;
 using testing::ElementsAreArray;
-using testing::Not;
-using testing::StartsWith;
 using ZoneTest::LogCapture;
 using ZoneTest::StandIns;
 using ZoneTest::statusOfChild;
@@ -75,12 +72,13 @@ protected:
     void expect(const Lines& lines) const { EXPECT_THAT(log.texts(), ElementsAreArray(lines)); }
 
     /// Has main run in a process of its own, which main itself has to end.
-    [[nodiscard]] static int statusWhenItEndsTheProcess()
+    void expectItToEndTheProcess() const
     {
-        return statusOfChild([] {
+        const int status = statusOfChild([] {
             zone_manager_main();
             ADD_FAILURE() << "it came back";
         });
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == StandIns::STATUS_OF_EXIT) << status;
     }
 
     LogCapture log;
@@ -240,25 +238,24 @@ TEST_F(MainTearDown, KeepsTheQueueUntilTheMonitorIsOut)
 TEST_F(MainTearDown, KeepsWhatAZoneThatStaysMayTouch)
 {
     standIns.failing = {"closeGates", "ZoneContext::destroy"};
-    EXPECT_EQ(statusWhenItEndsTheProcess(), 0);
+    expectItToEndTheProcess();
     Lines quit = QUIT;
     std::erase(quit, "D closeMonitorGate");
-    expect(START + quit + Lines{LET_IN} + DROP_SERVICES + Lines{"D ZoneContext::destroy", RELEASE, LAST});
+    expect(START + quit + Lines{LET_IN} + DROP_SERVICES +
+           Lines{"D ZoneContext::destroy", RELEASE, LAST, "D _exit 0"});
 }
 
 TEST_F(MainTearDown, KeepsTheZonesWhileTheMonitorStays)
 {
     standIns.failing = {"closeMonitorGate", "destroyZoneMonitor"};
-    EXPECT_EQ(statusWhenItEndsTheProcess(), 0);
-    expect(START + QUIT + Lines{LET_IN} + DROP_SERVICES + Lines{RELEASE, LAST});
+    expectItToEndTheProcess();
+    expect(START + QUIT + Lines{LET_IN} + DROP_SERVICES + Lines{RELEASE, LAST, "D _exit 0"});
 }
 
 TEST_F(MainTearDown, EndsAFailedProcessWithItsStatus)
 {
     standIns.failing = {"closeMonitorGate", "destroyZoneMonitor"};
     standIns.mainLoop = [] { throw std::runtime_error("broken"); };
-    const int status = statusWhenItEndsTheProcess();
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 255);
-    EXPECT_EQ(log.texts().back(), LAST);
+    expectItToEndTheProcess();
+    EXPECT_EQ(log.texts().back(), "D _exit -1");
 }

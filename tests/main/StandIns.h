@@ -22,6 +22,8 @@ public:
     StandIns& operator=(const StandIns&) = delete;
 
     static constexpr int LOCK_FD = 42;
+    /// What each _exit ends the process with: a test program that it ends has not passed.
+    static constexpr int STATUS_OF_EXIT = 64;
 
     /// The calls that fail, by name: "chdir". A gate or an object that fails to go stays.
     std::set<std::string> failing;
