@@ -18,12 +18,12 @@
 #include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
-using testing::Contains;
 using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::Not;
-using testing::StartsWith;
+using testing::ElementsAreArray;
+using testing::IsSupersetOf;
 using ZoneTest::LogCapture;
 using ZoneTest::readFile;
 using ZoneTest::writeFile;
@@ -38,6 +38,11 @@ constexpr const char* SMACK_ATTRIBUTE = "security.SMACK64";
 
 /// What flock answers with; 0 for the system's own answer.
 int flockError = 0;
+/// Made by somebody else right before mkdir makes it; null for nothing.
+const char* madeMeanwhile = nullptr;
+/// A descriptor, and whether it was still open when a file was removed.
+int watchedFd = -1;
+bool wasOpenAtRemoval = false;
 
 mode_t modeOf(const std::string& path)
 {
@@ -66,7 +71,8 @@ std::ptrdiff_t openDescriptors()
 
 } // namespace
 
-// Takes the place of the C library's in this program.
+// These take the place of the C library's in this program.
+
 extern "C" int flock(int fd, int operation) noexcept
 {
     if (flockError != 0) {
@@ -74,6 +80,21 @@ extern "C" int flock(int fd, int operation) noexcept
         return -1;
     }
     return reinterpret_cast<int (*)(int, int)>(dlsym(RTLD_NEXT, "flock"))(fd, operation);
+}
+
+extern "C" int mkdir(const char* path, mode_t mode) noexcept
+{
+    const auto genuine = reinterpret_cast<int (*)(const char*, mode_t)>(dlsym(RTLD_NEXT, "mkdir"));
+    if (madeMeanwhile != nullptr) {
+        EXPECT_EQ(genuine(std::exchange(madeMeanwhile, nullptr), 0700), 0);
+    }
+    return genuine(path, mode);
+}
+
+extern "C" int remove(const char* path) noexcept
+{
+    wasOpenAtRemoval = fcntl(watchedFd, F_GETFD) != -1;
+    return reinterpret_cast<int (*)(const char*)>(dlsym(RTLD_NEXT, "remove"))(path);
 }
 
 namespace {
@@ -88,20 +109,58 @@ protected:
             return;
         }
         umask(0);
-        flockError = 0;
         std::filesystem::remove_all(RUN);
         std::filesystem::remove_all("/opt/zone");
         std::filesystem::create_directory(RUN);
         label(RUN, "!");
     }
 
-    void TearDown() override { flockError = 0; }
+    void TearDown() override
+    {
+        flockError = 0;
+        madeMeanwhile = nullptr;
+        watchedFd = -1;
+    }
+
+    using Lines = std::vector<std::string>;
+
+    /// All that has been written: the lines that an attempt to lock begins with, and then these.
+    void expectAttempt(const Lines& rest) const
+    {
+        Lines lines = {"I Get zone manager lock - " + path, "I \"/var/run/lxc\" smack label is \"!\"(1)",
+                       "I \"/var/run/lxc\" smack label is already set as \"!\""};
+        lines.insert(lines.end(), rest.begin(), rest.end());
+        EXPECT_THAT(log.texts(), ElementsAreArray(lines));
+    }
 
     LogCapture log;
     std::string path = "/var/run/lxc/lock/zone-manager.lock";
 };
 using InstanceLockRelease = InstanceLock;
 using TemplatePath = InstanceLock;
+
+const std::string LOCKED = "I reference count of security interface - 1";
+const std::string NO_DIRECTORY =
+    "D The contianer lock path(/var/run/lxc/lock) does not exist - \"No such file or directory\"";
+const std::string DIRECTORY_EXISTS = "I The container lock path(/var/run/lxc/lock) does exist";
+const std::string NO_BASE = "E Failed to create the basepath of zone-manager lock - /var/run/lxc/lock";
+
+/// Makes a directory read-only, which stops even root, as long as the object lives.
+class ReadOnly
+{
+public:
+    explicit ReadOnly(const char* path) : directory(path)
+    {
+        EXPECT_EQ(mount(path, path, nullptr, MS_BIND, nullptr), 0);
+        EXPECT_EQ(mount(nullptr, path, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    }
+    ~ReadOnly() { EXPECT_EQ(umount(directory), 0); }
+    ReadOnly(const ReadOnly&) = delete;
+    ReadOnly& operator=(const ReadOnly&) = delete;
+
+private:
+    const char* directory;
+};
 
 } // namespace
 
@@ -112,10 +171,7 @@ TEST_F(InstanceLock, MakesItsDirectoryAndItsFile)
     EXPECT_EQ(modeOf(LOCK_DIRECTORY), 0755U);
     EXPECT_EQ(modeOf(path), 0660U);
     EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDWR);
-    EXPECT_THAT(log.texts(), Contains("I Get zone manager lock - " + path));
-    EXPECT_THAT(log.texts(), Contains("D The contianer lock path(/var/run/lxc/lock) does not exist - "
-                                      "\"No such file or directory\""));
-    EXPECT_EQ(log.texts().back(), "I reference count of security interface - 1");
+    expectAttempt({NO_DIRECTORY, LOCKED});
     release_zone_manager_lock(path.c_str(), &fd);
 }
 
@@ -125,7 +181,7 @@ TEST_F(InstanceLock, UsesADirectoryThatIsThere)
     int fd = get_zone_manager_lock(path);
     EXPECT_GE(fd, 0);
     EXPECT_EQ(modeOf(LOCK_DIRECTORY), 0700U);
-    EXPECT_THAT(log.texts(), Not(Contains(StartsWith("D "))));
+    expectAttempt({LOCKED});
     release_zone_manager_lock(path.c_str(), &fd);
 }
 
@@ -138,24 +194,20 @@ TEST_F(InstanceLock, KeepsASecondInstanceOut)
     EXPECT_EQ(get_zone_manager_lock(path), -1);
     EXPECT_EQ(openDescriptors(), before);
     EXPECT_TRUE(std::filesystem::exists(path));
-    const auto texts = log.texts();
-    ASSERT_GE(texts.size(), 2U);
-    EXPECT_EQ(texts[texts.size() - 2],
-              "E Another instance of Zone Manager is running - \"Resource temporarily unavailable\"");
-    EXPECT_EQ(texts.back(), "E Failed to get exclusive & non-blocking lock(ref count : 1) - "
-                            "\"Resource temporarily unavailable\"");
+    expectAttempt({"E Another instance of Zone Manager is running - \"Resource temporarily unavailable\"",
+                   "E Failed to get exclusive & non-blocking lock(ref count : 1) - "
+                   "\"Resource temporarily unavailable\""});
     release_zone_manager_lock(path.c_str(), &fd);
 }
 
 TEST_F(InstanceLock, AFailureThatIsNoOtherInstanceIsNotCalledOne)
 {
+    std::filesystem::create_directory(LOCK_DIRECTORY);
     flockError = ENOLCK;
     const auto before = openDescriptors();
     EXPECT_EQ(get_zone_manager_lock(path), -1);
     EXPECT_EQ(openDescriptors(), before);
-    EXPECT_EQ(log.texts().back(),
-              "E Failed to get exclusive & non-blocking lock(ref count : 1) - \"No locks available\"");
-    EXPECT_THAT(log.texts(), Not(Contains(HasSubstr("Another instance"))));
+    expectAttempt({"E Failed to get exclusive & non-blocking lock(ref count : 1) - \"No locks available\""});
 }
 
 TEST_F(InstanceLock, TakesTheFileOfAnInstanceThatCrashed)
@@ -205,44 +257,58 @@ TEST_F(InstanceLock, NeedsTheRunDirectory)
 {
     ASSERT_EQ(removexattr(RUN, SMACK_ATTRIBUTE), 0); // a directory without a label cannot be labelled
     EXPECT_EQ(get_zone_manager_lock(path), -1);
-    const auto texts = log.texts();
-    ASSERT_GE(texts.size(), 2U);
-    EXPECT_EQ(texts[texts.size() - 2], "E Failed to ensure Container Run Path(/var/run/lxc)");
-    EXPECT_EQ(texts.back(), "E Failed to create the basepath of zone-manager lock - /var/run/lxc/lock");
+    EXPECT_THAT(
+        log.texts(),
+        ElementsAre(
+            "I Get zone manager lock - " + path,
+            "E Failed to get smack label of \"/var/run/lxc\"(\"!\") - \"No data available\"",
+            "E Failed to set container access label(!) to the basepath of container running(/var/run/lxc)",
+            "E Failed to ensure Container Run Path(/var/run/lxc)", NO_BASE));
     EXPECT_FALSE(std::filesystem::exists(LOCK_DIRECTORY));
 }
 
-// A link that leads nowhere looks like a directory that comes to be between the look and the making.
 TEST_F(InstanceLock, AcceptsADirectoryThatSomebodyElseMakesMeanwhile)
 {
-    std::filesystem::create_symlink("/nowhere", LOCK_DIRECTORY);
-    std::string elsewhere = "/tmp/zone-manager.lock";
-    int fd = get_zone_manager_lock(elsewhere);
+    madeMeanwhile = LOCK_DIRECTORY;
+    int fd = get_zone_manager_lock(path);
     EXPECT_GE(fd, 0);
-    EXPECT_THAT(log.texts(), Contains("I The container lock path(/var/run/lxc/lock) does exist"));
-    release_zone_manager_lock(elsewhere.c_str(), &fd);
+    EXPECT_EQ(modeOf(LOCK_DIRECTORY), 0700U);
+    expectAttempt({NO_DIRECTORY, DIRECTORY_EXISTS, LOCKED});
+    release_zone_manager_lock(path.c_str(), &fd);
+}
+
+TEST_F(InstanceLock, TakesAReadOnlyDirectoryForAnExistingOne)
+{
+    std::filesystem::create_directory(LOCK_DIRECTORY);
+    const ReadOnly mounted(LOCK_DIRECTORY);
+    EXPECT_EQ(get_zone_manager_lock(path), -1);
+    expectAttempt({"D The contianer lock path(/var/run/lxc/lock) does not exist - \"Read-only file system\"",
+                   DIRECTORY_EXISTS,
+                   "E Failed to open \"" + path + "\"...(ref count : 1) - \"Read-only file system\""});
 }
 
 TEST_F(InstanceLock, ReportsADirectoryThatCannotBeMade)
 {
-    ASSERT_EQ(mount(RUN, RUN, nullptr, MS_BIND, nullptr), 0);
-    ASSERT_EQ(mount(nullptr, RUN, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr), 0);
-    const int fd = get_zone_manager_lock(path);
-    ASSERT_EQ(umount(RUN), 0);
-    EXPECT_EQ(fd, -1);
-    const auto texts = log.texts();
-    ASSERT_GE(texts.size(), 2U);
-    EXPECT_EQ(texts[texts.size() - 2],
-              "E Failed to create the container lock path(/var/run/lxc/lock) - \"Read-only file system\"");
-    EXPECT_EQ(texts.back(), "E Failed to create the basepath of zone-manager lock - /var/run/lxc/lock");
+    const ReadOnly mounted(RUN);
+    EXPECT_EQ(get_zone_manager_lock(path), -1);
+    EXPECT_THAT(
+        log.texts(),
+        ElementsAre("I Get zone manager lock - " + path,
+                    "D The contianer run path(/var/run/lxc) does not exist - \"Read-only file system\"",
+                    "I The container run path(/var/run/lxc) does exist",
+                    "I \"/var/run/lxc\" smack label is \"!\"(1)",
+                    "I \"/var/run/lxc\" smack label is already set as \"!\"", NO_DIRECTORY,
+                    "E Failed to create the container lock path(/var/run/lxc/lock) - "
+                    "\"Read-only file system\"",
+                    NO_BASE));
 }
 
 TEST_F(InstanceLock, ReportsAFileThatCannotBeOpened)
 {
-    std::string directory = LOCK_DIRECTORY;
-    EXPECT_EQ(get_zone_manager_lock(directory), -1);
-    EXPECT_EQ(log.texts().back(),
-              "E Failed to open \"/var/run/lxc/lock\"...(ref count : 1) - \"Is a directory\"");
+    ASSERT_EQ(mkdir(LOCK_DIRECTORY, 0755), 0);
+    path = LOCK_DIRECTORY;
+    EXPECT_EQ(get_zone_manager_lock(path), -1);
+    expectAttempt({"E Failed to open \"/var/run/lxc/lock\"...(ref count : 1) - \"Is a directory\""});
 }
 
 // Release
@@ -251,11 +317,13 @@ TEST_F(InstanceLockRelease, ClosesAndRemoves)
 {
     int fd = get_zone_manager_lock(path);
     ASSERT_GE(fd, 0);
-    const int number = fd;
+    watchedFd = fd;
+    wasOpenAtRemoval = true;
     log.clear();
     release_zone_manager_lock(path.c_str(), &fd);
     EXPECT_EQ(fd, -1);
-    EXPECT_EQ(fcntl(number, F_GETFD), -1);
+    EXPECT_FALSE(wasOpenAtRemoval);
+    EXPECT_EQ(fcntl(watchedFd, F_GETFD), -1);
     EXPECT_FALSE(std::filesystem::exists(path));
     EXPECT_THAT(log.texts(), ElementsAre("I Release zone manager lock - " + path));
 
@@ -313,10 +381,18 @@ TEST_F(TemplatePath, MakesAndLabelsTheDirectories)
     init_template_path();
     EXPECT_EQ(modeOf(TEMPLATE), 0755U);
     EXPECT_EQ(modeOf(SECURE_DATA), 0755U);
+    const Lines made = {
+        "D The contianer path(/opt/zone/template) does not exist - \"No such file or directory\"",
+        "D The contianer path(/opt/zone/template/securedata) does not exist - \"No such file or directory\""};
+    EXPECT_THAT(log.texts(), IsSupersetOf(made));
     // Without Smack in the kernel a new directory has no label, and one without a label gets none.
     if (labelOf(SECURE_DATA) == "none") {
-        EXPECT_EQ(log.texts().back(),
-                  "E Failed to set container access label (!) to the (/opt/zone/template/securedata)");
+        EXPECT_THAT(
+            log.texts(),
+            ElementsAre(made[0], made[1],
+                        "E Failed to get smack label of \"/opt/zone/template/securedata\"(\"!\") - \"No data "
+                        "available\"",
+                        "E Failed to set container access label (!) to the (/opt/zone/template/securedata)"));
     } else {
         EXPECT_EQ(labelOf(SECURE_DATA), "!");
     }
@@ -328,15 +404,21 @@ TEST_F(TemplatePath, ChangesTheLabelOfADirectoryThatIsThere)
     label(SECURE_DATA, "_");
     init_template_path();
     EXPECT_EQ(labelOf(SECURE_DATA), "!");
-    EXPECT_THAT(log.texts(), Not(Contains(StartsWith("E "))));
+    EXPECT_THAT(
+        log.texts(),
+        ElementsAre("I \"/opt/zone/template/securedata\" smack label is \"_\"(1)",
+                    "I \"/opt/zone/template/securedata\" smack label is changed to \"!\" successfully"));
 }
 
 TEST_F(TemplatePath, StopsWithoutTheFirstDirectory)
 {
     init_template_path();
-    EXPECT_EQ(log.texts().back(),
-              "E Failed to create path (/opt/zone/template) - \"No such file or directory\"");
-    EXPECT_THAT(log.texts(), Not(Contains(HasSubstr("securedata"))));
+    EXPECT_THAT(
+        log.texts(),
+        ElementsAre(
+            "D The contianer path(/opt/zone/template) does not exist - \"No such file or directory\"",
+            "E Failed to create the container path(/opt/zone/template) - \"No such file or directory\"",
+            "E Failed to create path (/opt/zone/template) - \"No such file or directory\""));
 }
 
 TEST_F(TemplatePath, StopsWithoutTheSecondDirectory)
@@ -344,7 +426,10 @@ TEST_F(TemplatePath, StopsWithoutTheSecondDirectory)
     std::filesystem::create_directory("/opt/zone");
     writeFile(TEMPLATE, "");
     init_template_path();
-    EXPECT_EQ(log.texts().back(),
-              "E Failed to create path (/opt/zone/template/securedata) - \"Not a directory\"");
-    EXPECT_THAT(log.texts(), Not(Contains(HasSubstr("access label"))));
+    EXPECT_THAT(
+        log.texts(),
+        ElementsAre(
+            "D The contianer path(/opt/zone/template/securedata) does not exist - \"Not a directory\"",
+            "E Failed to create the container path(/opt/zone/template/securedata) - \"Not a directory\"",
+            "E Failed to create path (/opt/zone/template/securedata) - \"Not a directory\""));
 }
