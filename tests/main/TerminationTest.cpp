@@ -1,5 +1,8 @@
 #include "main/Termination.h"
 
+#include "Common/ThreadId.h"
+#include "ZoneCore/ZoneContext.h"
+#include "ZoneCore/ZoneManager.h"
 #include "tests/support/unit/LogCapture.h"
 
 #include <gmock/gmock.h>
@@ -10,9 +13,10 @@
 #include <cstring>
 #include <string>
 
-using testing::Contains;
-using testing::Not;
-using testing::StartsWith;
+using testing::ElementsAre;
+using ZoneCore::currentThreadId;
+using ZoneCore::ZoneContext;
+using ZoneCore::ZoneManager;
 using ZoneTest::IsRecord;
 using ZoneTest::LogCapture;
 
@@ -46,8 +50,19 @@ TEST(Termination, LeavesTheInterruptedErrorNumber)
 
 TEST(Termination, MayArriveBeforeAnythingRunsAndAgain)
 {
+    ZoneContext::deleteSingleton();
+    ZoneManager::deleteSingleton();
     const LogCapture log;
     handle_termination_signal(SIGTERM);
     handle_termination_signal(SIGTERM);
-    EXPECT_THAT(log.texts(), Not(Contains(StartsWith("E "))));
+    const std::string tid = std::to_string(currentThreadId());
+    const std::string received = "F [Main Thread] received \"Terminated\" signal : 15";
+    const std::string notRunning = "I Thread is not running(thread name : , thread id : " + tid + ")";
+    const std::string terminated = "I [:" + tid + "] The mainloop of thread  is terminated";
+    EXPECT_THAT(log.texts(),
+                ElementsAre(received, "I Thread is created", "I zone manager instance is created",
+                            "I Singletone object of Zone Manager is created...",
+                            "I ZoneContext object is created",
+                            "I Singletone object of Zone Context is created...", notRunning, terminated,
+                            received, notRunning, terminated));
 }
