@@ -8,15 +8,18 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <ctime>
+#include <dlfcn.h>
 #include <functional>
 #include <glib.h>
+#include <optional>
+#include <poll.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
 namespace ProcessSignals = ZoneCore::ProcessSignals;
 using std::chrono::milliseconds;
-using std::chrono::steady_clock;
 using ZoneTest::statusOfChild;
 
 namespace {
@@ -73,6 +76,21 @@ void sendTo(pid_t process, int signal)
     ASSERT_EQ(kill(process, signal), 0);
 }
 
+/// Stands in for the kernel's poll as long as the object lives: gives its answer at once.
+class Poll
+{
+public:
+    explicit Poll(int result = 0) : answer(result) { armed = this; }
+    ~Poll() { armed = nullptr; }
+    Poll(const Poll&) = delete;
+    Poll& operator=(const Poll&) = delete;
+
+    static inline Poll* armed = nullptr;
+
+    const int answer;
+    std::optional<timespec> limit; ///< nothing: for ever
+};
+
 /// Runs a body in a process of its own that counts the SIGTERM and SIGPIPE that get through.
 void inProcessOfItsOwn(const std::function<void()>& body)
 {
@@ -85,6 +103,16 @@ void inProcessOfItsOwn(const std::function<void()>& body)
 }
 
 } // namespace
+
+// Takes the place of the C library's in this program.
+extern "C" int ppoll(pollfd* fds, nfds_t count, const timespec* limit, const sigset_t* mask)
+{
+    if (Poll::armed == nullptr) {
+        return reinterpret_cast<decltype(&ppoll)>(dlsym(RTLD_NEXT, "ppoll"))(fds, count, limit, mask);
+    }
+    Poll::armed->limit = limit == nullptr ? std::nullopt : std::optional(*limit);
+    return Poll::armed->answer;
+}
 
 TEST(ProcessSignals, HoldBlocksTerminationAndBrokenPipeOnly)
 {
@@ -202,12 +230,43 @@ TEST(ProcessSignalsPoll, ReportsWhatIsReady)
 
 TEST(ProcessSignalsPoll, WaitsAsLongAsItWasToldTo)
 {
-    for (const int limit : {0, 30, 1020}) {
-        const auto start = steady_clock::now();
+    struct Limit
+    {
+        int milliseconds;
+        std::time_t seconds;
+        long nanoseconds;
+    };
+    for (const auto& [limit, seconds, nanoseconds] :
+         {Limit{0, 0, 0}, Limit{1, 0, 1000000}, Limit{999, 0, 999000000}, Limit{1000, 1, 0},
+          Limit{5001, 5, 1000000}, Limit{4294967, 4294, 967000000}}) {
+        const Poll poll;
         EXPECT_EQ(ProcessSignals::poll(nullptr, 0, limit), 0);
-        EXPECT_GE(steady_clock::now() - start, milliseconds(limit));
-        EXPECT_LT(steady_clock::now() - start, milliseconds(limit + 900)) << "instead of " << limit;
+        ASSERT_TRUE(poll.limit.has_value()) << limit;
+        EXPECT_EQ(poll.limit->tv_sec, seconds) << limit;
+        EXPECT_EQ(poll.limit->tv_nsec, nanoseconds) << limit;
     }
+    const Poll poll;
+    EXPECT_EQ(ProcessSignals::poll(nullptr, 0, -1), 0);
+    EXPECT_FALSE(poll.limit.has_value());
+}
+
+TEST(ProcessSignalsPoll, LetsATerminationInOnceTheKernelDidNot)
+{
+    inProcessOfItsOwn([] {
+        ProcessSignals::hold();
+        for (const int ready : {0, 1}) {
+            const Poll poll(ready);
+            terminations = 0;
+            sendTo(getpid(), SIGTERM);
+            EXPECT_EQ(ProcessSignals::poll(nullptr, 0, 30), ready);
+            EXPECT_EQ(terminations, 1) << ready;
+        }
+        const Poll failing(-1);
+        terminations = 0;
+        sendTo(getpid(), SIGTERM);
+        EXPECT_EQ(ProcessSignals::poll(nullptr, 0, 30), -1);
+        EXPECT_EQ(terminations, 0); // errno is the caller's
+    });
 }
 
 TEST(ProcessSignalsPoll, AMainLoopTakesATerminationBetweenItsCallbacksOnly)

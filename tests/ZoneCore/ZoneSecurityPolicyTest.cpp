@@ -6,12 +6,16 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
+#include <utility>
 
 namespace fs = std::filesystem;
 using testing::ElementsAre;
@@ -51,13 +55,35 @@ protected:
     ZoneSecurityPolicy policy;
 };
 
+/// What happens right after a label has been written; empty for nothing.
+std::function<void()> afterTheWrite;
+/// The flags of the last write.
+int flagsOfTheWrite = -1;
+
 mode_t modeOf(const std::string& path)
 {
     struct stat status = {};
     return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
 }
 
+/// All that the policy says of the runtime directory when it has its label.
+const std::string RUN_LABEL = "I \"/var/run/lxc\" smack label is \"!\"(1)";
+const std::string RUN_LABEL_IS_SET = "I \"/var/run/lxc\" smack label is already set as \"!\"";
+
 } // namespace
+
+// Takes the place of the C library's in this program.
+extern "C" int setxattr(const char* path, const char* name, const void* value, size_t size,
+                        int flags) noexcept
+{
+    flagsOfTheWrite = flags;
+    const auto genuine = reinterpret_cast<decltype(&setxattr)>(dlsym(RTLD_NEXT, "setxattr"));
+    const int result = genuine(path, name, value, size, flags);
+    if (const auto action = std::exchange(afterTheWrite, nullptr)) {
+        action();
+    }
+    return result;
+}
 
 // Labels.
 
@@ -133,6 +159,19 @@ TEST_F(ZoneSecurityPolicyTest, ChangesALabel)
     EXPECT_THAT(log.texts(),
                 ElementsAre("I \"" + path + "\" smack label is \"User\"(4)",
                             "I \"" + path + "\" smack label is changed to \"System\" successfully"));
+    EXPECT_EQ(flagsOfTheWrite, 0);
+}
+
+TEST_F(ZoneSecurityPolicyTest, TellsTheLabelThatIsThereAfterTheWrite)
+{
+    fs::create_directory(path);
+    setLabel(path, "User");
+    afterTheWrite = [&] { setLabel(path, "Quick"); };
+    const LogCapture log;
+    EXPECT_TRUE(policy.setContainerSmackLabel(path, "System"));
+    EXPECT_THAT(log.texts(),
+                ElementsAre("I \"" + path + "\" smack label is \"User\"(4)",
+                            "I \"" + path + "\" smack label is changed to \"Quick\" successfully"));
 }
 
 TEST_F(ZoneSecurityPolicyTest, LeavesTheWantedLabelAsItIs)
@@ -173,6 +212,27 @@ TEST_F(ZoneSecurityPolicyTest, NeverLabelsAPathWithoutALabel)
     EXPECT_EQ(labelOf(path), "(none)");
     EXPECT_THAT(log.texts(), ElementsAre("E Failed to get smack label of \"" + path + "\"(\"System\") - \"" +
                                          UNLABELLED + "\""));
+}
+
+TEST_F(ZoneSecurityPolicyTest, NeverLabelsAPathWithAnEmptyLabel)
+{
+    fs::create_directory(path);
+    setLabel(path, "");
+    const LogCapture log;
+    EXPECT_FALSE(policy.setContainerSmackLabel(path, "System"));
+    EXPECT_EQ(labelOf(path), "");
+    EXPECT_THAT(log.texts(),
+                ElementsAre("E Failed to get smack label of \"" + path + "\"(\"System\") - \"Success\""));
+}
+
+TEST_F(ZoneSecurityPolicyTest, TakesTheTextUpToAZeroByteForTheLabel)
+{
+    fs::create_directory(path);
+    setLabel(path, std::string("System\0User", 11));
+    const LogCapture log;
+    EXPECT_TRUE(policy.setContainerSmackLabel(path, "System"));
+    EXPECT_THAT(log.texts(), ElementsAre("I \"" + path + "\" smack label is \"System\"(11)",
+                                         "I \"" + path + "\" smack label is already set as \"System\""));
 }
 
 TEST_F(ZoneSecurityPolicyTest, ReportsALabelThatCannotBeWritten)
@@ -305,12 +365,9 @@ TEST_F(ZoneSecurityPolicyTest, IsSilentAboutAWritablePidFileDirectory)
 {
     fs::create_directories(PID_DIRECTORY);
     setLabel(RUN_DIRECTORY, "!");
-    LogCapture log;
-    EXPECT_TRUE(policy.ensureContainerRunPath());
-    const auto labelLines = log.texts();
-    log.clear();
+    const LogCapture log;
     EXPECT_TRUE(policy.ensureContainerPIDFilePath());
-    EXPECT_EQ(log.texts(), labelLines);
+    EXPECT_THAT(log.texts(), ElementsAre(RUN_LABEL, RUN_LABEL_IS_SET));
 }
 
 TEST_F(ZoneSecurityPolicyTest, AcceptsAReadOnlyPidFileDirectory)
@@ -318,13 +375,14 @@ TEST_F(ZoneSecurityPolicyTest, AcceptsAReadOnlyPidFileDirectory)
     fs::create_directories(PID_DIRECTORY);
     setLabel(RUN_DIRECTORY, "!");
     const ReadOnlyMount mounted(PID_DIRECTORY);
-    LogCapture log;
+    const LogCapture log;
     EXPECT_TRUE(policy.ensureContainerPIDFilePath());
-    EXPECT_THAT(log.texts(),
-                testing::IsSupersetOf({std::string("D The contianer pidfile path(/var/run/lxc/pid) "
-                                                   "does not exist - \"Read-only file system\""),
-                                       std::string("I The container pidfile path(/var/run/lxc/pid) "
-                                                   "does exist")}));
+    EXPECT_THAT(
+        log.texts(),
+        ElementsAre(
+            RUN_LABEL, RUN_LABEL_IS_SET,
+            "D The contianer pidfile path(/var/run/lxc/pid) does not exist - \"Read-only file system\"",
+            "I The container pidfile path(/var/run/lxc/pid) does exist"));
 }
 
 TEST_F(ZoneSecurityPolicyTest, ReportsAPidFileDirectoryThatCannotBeMade)
@@ -334,10 +392,13 @@ TEST_F(ZoneSecurityPolicyTest, ReportsAPidFileDirectoryThatCannotBeMade)
     const ReadOnlyMount mounted(RUN_DIRECTORY);
     const LogCapture log;
     EXPECT_FALSE(policy.ensureContainerPIDFilePath());
-    const auto texts = log.texts();
-    ASSERT_FALSE(texts.empty());
-    EXPECT_EQ(texts.back(),
-              "E Failed to create the container pidfile path(/var/run/lxc/pid) - \"Read-only file system\"");
+    EXPECT_THAT(
+        log.texts(),
+        ElementsAre(
+            "D The contianer run path(/var/run/lxc) does not exist - \"Read-only file system\"",
+            "I The container run path(/var/run/lxc) does exist", RUN_LABEL, RUN_LABEL_IS_SET,
+            "D The contianer pidfile path(/var/run/lxc/pid) does not exist - \"No such file or directory\"",
+            "E Failed to create the container pidfile path(/var/run/lxc/pid) - \"Read-only file system\""));
 }
 
 // Who may subscribe.
@@ -351,6 +412,22 @@ TEST_F(ZoneSecurityPolicyTest, AdmitsAPeerOfTheSameUser)
     const LogCapture log;
     EXPECT_TRUE(policy.checkProcessPrivilege(own.get()));
     EXPECT_THAT(log.texts(), ElementsAre("I Process Permission is allowed [0 <-> 0], [fd : " +
+                                         std::to_string(own.get()) + "]"));
+}
+
+TEST_F(ZoneSecurityPolicyTest, AsksForTheEffectiveUser)
+{
+    ASSERT_EQ(seteuid(65534), 0);
+    std::array<int, 2> ends{};
+    const int made = socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data());
+    const LogCapture log;
+    const bool admitted = policy.checkProcessPrivilege(ends[0]);
+    ASSERT_EQ(seteuid(0), 0);
+    ASSERT_EQ(made, 0);
+    const UniqueFd own(ends[0]);
+    const UniqueFd other(ends[1]);
+    EXPECT_TRUE(admitted);
+    EXPECT_THAT(log.texts(), ElementsAre("I Process Permission is allowed [65534 <-> 65534], [fd : " +
                                          std::to_string(own.get()) + "]"));
 }
 
