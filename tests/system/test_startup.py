@@ -62,7 +62,8 @@ def test_the_order_of_an_ordinary_start(zone, daemon):
     unlabelled = '- "No data available"'
     writable = "/opt/var/lib/lxc/red"
     permitted = '[red:MAIN] "red" is Hybrid Zone...It is permitted...'
-    assert lines[: lines.index("info: zone group controller instance is created") + 1] == [
+    last = f"info: Watchdog Is registered[360 / 15000](thread name : zone-manager, tid : {main})"
+    assert lines[: lines.index(last) + 1] == [
         "fatal: Start Zone Manager...",
         f"info: Get zone manager lock - {LOCK}",
         'info: "/var/run/lxc" smack label is "_"(1)',
@@ -116,6 +117,8 @@ def test_the_order_of_an_ordinary_start(zone, daemon):
         "info: [zone-monitor:MAIN] GIO Watchers are added to thread context - /var/lib/lxc[FD]",
         f"info: thread is created(thread name : zone-monitor, thread id : {main})",
         "info: zone group controller instance is created",
+        f"info: Timer Source Count : 0(thread name : zone-manager, thread id : {main})",
+        last,
     ]
     assert sum(bool(WATCHED.fullmatch(line)) for line in lines) == 3
     assert daemon.stop() == 0

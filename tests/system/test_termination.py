@@ -205,6 +205,51 @@ def test_the_order_of_an_ordinary_end(fake, bus, daemon):
     assert lines == expected
 
 
+def test_the_order_of_the_end_of_a_start_without_a_zone(fake, daemon):
+    daemon.start()
+    assert daemon.wait_exit(PROMPT) == 255
+    tid = daemon.records[0].tid
+    lines = [str(record) for record in daemon.records]
+    failed = "error: Exception occurred : Failed to initialize the ZoneManager object"
+    assert lines[lines.index(failed) + 1 :] == [
+        f"info: Thread is not running(thread name : zone-manager, thread id : {tid})",
+        f"info: [zone-manager:{tid}] The mainloop of thread zone-manager is terminated",
+        'info: The remained count of Zone Object in ZoneContext "0"',
+        'info: The count of Zone Object is "0"',
+        "info: ZoneContext object is destroyed",
+        "info: zone manager instance is destroyed",
+        f"info: release the event source from the main context(thread name : zone-manager, thread id : {tid})",
+        f"info: Thread is destroyed(thread name : zone-manager, thread id : {tid})",
+        "info: Release zone manager lock - /var/run/lxc/lock/zone-manager.lock",
+        f"fatal: {LAST_LINE}",
+    ]
+    assert not daemon.root.exists("/var/run/lxc/lock/zone-manager.lock")
+
+
+def test_containers_without_a_zone_are_told_and_hold_nobody_up(fake, daemon):
+    fake.define("alpha", "hybrid")
+    fake.define("beta", "hybrid", type="9")
+    fake.define("gamma", "hybrid", type="9")
+    # The check never ends, but it tells that the loop runs.
+    daemon.start(wait="Zone Threads are not initialized yet")
+    daemon.signal()
+    assert daemon.wait_exit(PROMPT) == 0
+    main = daemon.records[0].tid
+    lines = [str(record) for record in daemon.records if record.tid == main]
+    first = lines.index('fatal: [Main Thread] received "Terminated" signal : 15') + 1
+    missing = "error: Can not get a zone object"
+    for verb in ("terminated", "not running"):
+        assert lines[first : first + 5] == [
+            f"info: Thread is {verb}(thread name : alpha, thread id : {main})",
+            "info: The mainloop of thread is terminated (thread name : alpha)",
+            missing,
+            missing,
+            f"info: Thread is {verb}(thread name : zone-monitor, thread id : {main})",
+        ]
+        first += 7  # the manager's own two lines
+    assert lines.count(missing) == 4
+
+
 def test_a_second_signal_during_the_teardown_does_no_harm(fake, daemon):
     define_zones(fake)
     for _ in range(10):
