@@ -36,4 +36,4 @@ public:
 } // namespace ZoneTest
 
 /// The daemon's main function.
-int zone_manager_main();
+extern "C" int zone_manager_main();
