@@ -1,27 +1,94 @@
 #include "ZoneCore/ZoneFactory.h"
+
+#include "Common/Log.h"
 #include "tests/ZoneCore/ZoneFixtures.h"
 #include "tests/support/unit/Eventually.h"
+#include "tests/support/unit/Failure.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 using namespace ZoneCore;
 using testing::Contains;
 using testing::ElementsAre;
+using testing::ElementsAreArray;
 using testing::HasSubstr;
 using testing::Not;
 using ZoneTest::eventually;
+using ZoneTest::Failure;
 using ZoneTest::FakeLxcControl;
 using ZoneTest::LogCapture;
+
+ZONE_TEST_MAY_FAIL(GMainContext*, g_main_context_new, (), ())
+ZONE_TEST_MAY_FAIL(GAsyncQueue*, g_async_queue_new, (), ())
+ZONE_TEST_MAY_FAIL(GSource*, g_source_new, (GSourceFuncs * functions, guint size), (functions, size))
+ZONE_TEST_MAY_FAIL(GThread*, g_thread_new, (const gchar* name, GThreadFunc entry, gpointer data),
+                   (name, entry, data))
+
+namespace {
+thread_local bool everyLoopRuns = false;
+}
+
+extern "C" gboolean g_main_loop_is_running(GMainLoop* loop)
+{
+    return everyLoopRuns || Failure::genuine(&g_main_loop_is_running, "g_main_loop_is_running")(loop);
+}
 
 namespace {
 
 constexpr const char* NAME = "alpha";
+
+using Query = decltype(lxc_container::get_config_item);
+Query answer = nullptr; ///< what a told query is answered by
+
+/// Writes each query into the log, where it takes its place among the factory's records.
+int tellQuery(lxc_container* container, const char* key, char* buffer, int size)
+{
+    ZLOGD("query %s[%s / %d]", key, buffer == nullptr ? "-" : "buffer", size);
+    return answer(container, key, buffer, size);
+}
+
+constexpr const char* ASKED_FOR_KIND = "D query lxc.container_type[- / 0]";
+constexpr const char* ASKED_FOR_AUTO_START = "D query lxc.start.auto[- / 0]";
+constexpr const char* READ_AUTO_START = "D query lxc.start.auto[buffer / 4096]";
+constexpr const char* READ_ROOTFS = "D query lxc.rootfs.path[buffer / 4096]";
+constexpr const char* MARKED = "I auto start flag is true...alpha";
+constexpr const char* CREATED = "I HybridZone object is created...[type : 2]";
+constexpr const char* DESCRIBED = "I [Zone Name : alpha] / [Zone Base Path : /zone-test] / [Zone Type : 2]";
+constexpr const char* INITIALIZE_FAILED = "E Failed to initialize the zone object...alpha";
+constexpr const char* ZONE_DESTROYED = "I Zone object is destroyed(zone name : alpha)";
+
+/// The end of a line of the making thread's that is about the zone's.
+std::string here()
+{
+    return "(thread name : alpha, thread id : " + std::to_string(currentThreadId()) + ")";
+}
+
+std::string released()
+{
+    return "I release the event source from the main context" + here();
+}
+
+const std::string DESTROYED =
+    "I HybridZone zone is destroyed...[type : 2, thread name : alpha, thread id : " +
+    std::to_string(currentThreadId()) + "]";
+
+/// The steps of a zone whose labels are as they must be, and those that follow.
+std::vector<std::string> madeAnd(const std::vector<std::string>& further)
+{
+    std::vector<std::string> result = {ASKED_FOR_KIND, CREATED, DESCRIBED,
+                                       "I " + ZoneTest::byThread(NAME) +
+                                           "\"alpha\" is Hybrid Zone...It is permitted..."};
+    result.insert(result.end(), further.begin(), further.end());
+    return result;
+}
 
 /// Ends a zone as the registry does: nothing is deleted while its thread could still touch it.
 struct EndZone
@@ -46,8 +113,34 @@ protected:
     [[nodiscard]] ZonePtr make()
     {
         handle = lxc_container_new(NAME, basePath.c_str());
+        answer = std::exchange(handle->get_config_item, tellQuery);
         log.clear();
         return ZonePtr(ZoneFactory().getZone(handle, basePath));
+    }
+    /// A zone whose handle answers queries by this function.
+    [[nodiscard]] ZonePtr makeWith(Query function)
+    {
+        handle = lxc_container_new(NAME, basePath.c_str());
+        handle->get_config_item = function;
+        log.clear();
+        return ZonePtr(ZoneFactory().getZone(handle, basePath));
+    }
+    /// What the making thread has written, in order, without what the base classes, the container
+    /// and the policy say.
+    [[nodiscard]] std::vector<std::string> steps() const
+    {
+        std::vector<std::string> result;
+        for (const ZoneTest::LogRecord& record : log.records()) {
+            const bool own = record.thread == currentThreadId();
+            const bool ofABase =
+                record.body == "Thread is created" || record.body == "Zone object is created";
+            const bool ofOnePath = record.body.find(" path : ") != std::string::npos;
+            if (own && !ofABase && !ofOnePath && record.file != "Container.cpp" &&
+                record.file != "ZoneSecurityPolicy.cpp") {
+                result.push_back(std::string(1, record.level) + " " + record.body);
+            }
+        }
+        return result;
     }
     void container(const std::string& file, const std::string& value = "") const
     {
@@ -146,32 +239,13 @@ TEST_P(ZoneFactoryNoKind, MakesNoZone)
 {
     container("type", GetParam());
     EXPECT_EQ(make(), nullptr);
-    EXPECT_THAT(log.texts(), ElementsAre("I container_type : " + std::string(GetParam()),
+    EXPECT_THAT(log.texts(), ElementsAre(ASKED_FOR_KIND, "I container_type : " + std::string(GetParam()),
                                          "E Failed to create the zone object...alpha"));
     EXPECT_EQ(lastReferenceCall(), "lxc_container_new alpha 1 /zone-test");
     static_cast<void>(lxc_container_put(handle));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, ZoneFactoryNoKind, testing::Values("-1", "0", "4"));
-
-TEST_F(ZoneFactoryTest, QueriesTheKindWithoutABuffer)
-{
-    static char* buffer = nullptr;
-    static int length = -1;
-    control.remove("containers/alpha/rootfs");
-    handle = lxc_container_new(NAME, basePath.c_str());
-    handle->get_config_item = [](lxc_container*, const char* key, char* out, int size) {
-        if (std::string(key) == "lxc.container_type") {
-            buffer = out;
-            length = size;
-        }
-        return -1;
-    };
-    EXPECT_EQ(ZoneFactory().getZone(handle, basePath), nullptr);
-    EXPECT_EQ(buffer, nullptr);
-    EXPECT_EQ(length, 0);
-    static_cast<void>(lxc_container_put(handle));
-}
 
 TEST_F(ZoneFactoryTest, RefusesAZoneWhoseLabelsAreRefused)
 {
@@ -191,24 +265,14 @@ TEST_F(ZoneFactoryTest, RefusesAZoneWhoseLabelsAreRefused)
     static_cast<void>(lxc_container_put(handle));
 }
 
-TEST_F(ZoneFactoryTest, RefusesAContainerWithoutAReference)
-{
-    container("get_fails");
-    EXPECT_EQ(make(), nullptr);
-    EXPECT_THAT(log.texts(),
-                testing::IsSupersetOf({std::string("E Failed to get the container reference...alpha"),
-                                       std::string("I thread count of container...[1]")}));
-    EXPECT_EQ(lastReferenceCall(), "lxc_container_put alpha 0 -");
-}
-
 TEST_F(ZoneFactoryTest, RefusesAContainerWithoutARootFileSystem)
 {
     control.remove("containers/alpha/rootfs");
     EXPECT_EQ(make(), nullptr);
-    EXPECT_THAT(log.texts(),
-                testing::IsSupersetOf({std::string("E Failed to get \"lxc.rootfs\" value...alpha"),
-                                       std::string("I Zone object is destroyed(zone name : alpha)")}));
-    EXPECT_THAT(log.texts(), Not(Contains(HasSubstr("Start the zone thread"))));
+    EXPECT_THAT(steps(),
+                ElementsAreArray(madeAnd(
+                    {ASKED_FOR_AUTO_START, READ_ROOTFS, "E Failed to get \"lxc.rootfs\" value...alpha",
+                     DESTROYED, ZONE_DESTROYED, released(), released(), "I Thread is destroyed" + here()})));
     EXPECT_EQ(lastReferenceCall(), "lxc_container_put alpha 0 -"); // both references
 }
 
@@ -234,11 +298,170 @@ TEST_P(ZoneFactoryNoAutoStart, LeavesTheZoneUnmarked)
 INSTANTIATE_TEST_SUITE_P(All, ZoneFactoryNoAutoStart,
                          testing::Values("", "0", "11", " 1", "1 ", "true", std::string(4096, '1')));
 
-TEST_F(ZoneFactoryTest, LeavesAZoneUnmarkedWhoseValueChangesInBetween)
+// The steps in their order, with the queries in between.
+
+TEST_F(ZoneFactoryTest, TakesItsStepsInOrder)
 {
     container("auto", "1");
-    container("auto_read", "12");
     const ZonePtr zone = make();
+    EXPECT_THAT(steps(), ElementsAreArray(madeAnd({ASKED_FOR_AUTO_START, READ_AUTO_START, MARKED, READ_ROOTFS,
+                                                   "I thread is created" + here(),
+                                                   "I Start the zone thread for \"alpha\""})));
+    EXPECT_THAT(
+        control.calls(),
+        ElementsAre("lxc_container_new alpha 1 /zone-test", "get_config_item alpha 1 lxc.container_type",
+                    "lxc_container_get alpha 2 -", "get_config_item alpha 2 lxc.start.auto",
+                    "get_config_item alpha 2 lxc.start.auto", "get_config_item alpha 2 lxc.rootfs.path"));
+}
+
+TEST_F(ZoneFactoryTest, LooksAtTheLabelsBeforeItTakesTheContainer)
+{
+    container("get_fails");
+    container("type", "3");
+    std::filesystem::remove_all("/zone-test/alpha");
+    EXPECT_EQ(make(), nullptr);
+    EXPECT_THAT(control.calls(), ElementsAre("lxc_container_new alpha 1 /zone-test",
+                                             "get_config_item alpha 1 lxc.container_type"));
+    static_cast<void>(lxc_container_put(handle));
+}
+
+TEST_F(ZoneFactoryTest, TakesAReferenceBeforeItReadsTheItems)
+{
+    container("get_fails");
+    control.remove("containers/alpha/rootfs");
+    EXPECT_EQ(make(), nullptr);
+    EXPECT_THAT(steps(), ElementsAreArray(madeAnd({"E Failed to get the container reference...alpha",
+                                                   DESTROYED, ZONE_DESTROYED, released(), released(),
+                                                   "I Thread is destroyed" + here()})));
+    EXPECT_EQ(lastReferenceCall(), "lxc_container_put alpha 0 -");
+}
+
+TEST_F(ZoneFactoryTest, GivesUpWithoutAContext)
+{
+    const Failure failure("g_main_context_new");
+    EXPECT_EQ(make(), nullptr);
+    EXPECT_THAT(steps(), ElementsAre(ASKED_FOR_KIND, CREATED, DESCRIBED,
+                                     "E [Thread Context] Failed to create the thread context" + here(),
+                                     INITIALIZE_FAILED, INITIALIZE_FAILED, DESTROYED, ZONE_DESTROYED,
+                                     released(), "I Thread is destroyed" + here()));
+    static_cast<void>(lxc_container_put(handle));
+}
+
+TEST_F(ZoneFactoryTest, GivesUpWithoutAQueue)
+{
+    const Failure failure("g_async_queue_new");
+    EXPECT_EQ(make(), nullptr);
+    EXPECT_THAT(steps(),
+                ElementsAre(ASKED_FOR_KIND, CREATED, DESCRIBED,
+                            "E Failed to create the async queue of thread" + here(),
+                            "E Failed to create the async event queue...alpha", INITIALIZE_FAILED, DESTROYED,
+                            ZONE_DESTROYED, released(), "I Thread is destroyed" + here()));
+    static_cast<void>(lxc_container_put(handle));
+}
+
+TEST_F(ZoneFactoryTest, GivesItsQueueBackWithoutAnEventSource)
+{
+    const Failure failure("g_source_new");
+    EXPECT_EQ(make(), nullptr);
+    EXPECT_THAT(steps(),
+                ElementsAre(ASKED_FOR_KIND, CREATED, DESCRIBED, "E Failed to attach the event source...alpha",
+                            "I destroy the async event queue" + here(), INITIALIZE_FAILED, DESTROYED,
+                            ZONE_DESTROYED, released(), "I Thread is destroyed" + here()));
+    EXPECT_EQ(lastReferenceCall(), "lxc_container_new alpha 1 /zone-test");
+    static_cast<void>(lxc_container_put(handle));
+}
+
+TEST_F(ZoneFactoryTest, GivesItsReferenceBackWithoutAThread)
+{
+    const Failure failure("g_thread_new");
+    EXPECT_EQ(make(), nullptr);
+    EXPECT_THAT(steps(), ElementsAreArray(
+                             madeAnd({ASKED_FOR_AUTO_START, READ_ROOTFS,
+                                      "E Failed to create gthread object(thread name : alpha)",
+                                      "E Failed to run the zone thread...alpha", DESTROYED, ZONE_DESTROYED,
+                                      released(), released(), "I Thread is destroyed" + here()})));
+    EXPECT_EQ(lastReferenceCall(), "lxc_container_put alpha 0 -"); // both references
+}
+
+// The queries.
+
+TEST_F(ZoneFactoryTest, ReadsTheMarkOnlyWhenItFits)
+{
+    struct Row
+    {
+        std::string value;
+        bool isRead;
+    };
+    for (const Row& row : {Row{"", false}, Row{"0", true}, Row{std::string(4095, '1'), true},
+                           Row{std::string(4096, '1'), false}}) {
+        container("auto", row.value);
+        const ZonePtr zone = make();
+        ASSERT_NE(zone, nullptr);
+        EXPECT_FALSE(zone->autoStart);
+        const auto lines = steps();
+        EXPECT_EQ(std::count(lines.begin(), lines.end(), READ_AUTO_START), row.isRead ? 1 : 0)
+            << row.value.size();
+    }
+}
+
+TEST_F(ZoneFactoryTest, BelievesTheSecondReadOfTheMark)
+{
+    container("auto", "1");
+    for (const char* second : {"0", "2", "", "12"}) {
+        container("auto_read", second);
+        EXPECT_FALSE(make()->autoStart) << second;
+    }
+    container("auto", "0");
+    container("auto_read", "1");
+    EXPECT_TRUE(make()->autoStart);
+}
+
+TEST_F(ZoneFactoryTest, RefusesAnEmptyRootFileSystem)
+{
+    container("rootfs", "");
+    EXPECT_EQ(make(), nullptr);
+    EXPECT_THAT(steps(), Contains("E Failed to get \"lxc.rootfs\" value...alpha"));
+}
+
+TEST_F(ZoneFactoryTest, TakesTheShortestRootFileSystem)
+{
+    container("rootfs", "/");
+    EXPECT_EQ(make()->rootfsPath, "/");
+}
+
+// A library that ends no value it writes. The mark is the one character, since the buffer was zeroed before.
+TEST_F(ZoneFactoryTest, ReadsIntoZeroedBuffersAndNeverPastThem)
+{
+    const ZonePtr zone = makeWith([](lxc_container*, const char* key, char* buffer, int size) {
+        const std::string item = key;
+        if (item == "lxc.container_type") {
+            return 2;
+        }
+        const int length = item == "lxc.start.auto" ? 1 : size;
+        if (buffer != nullptr) {
+            EXPECT_EQ(std::count(buffer, buffer + size, '\0'), size);
+            std::memset(buffer, '1', static_cast<size_t>(length));
+        }
+        return length;
+    });
     ASSERT_NE(zone, nullptr);
-    EXPECT_FALSE(zone->autoStart);
+    EXPECT_TRUE(zone->autoStart);
+    EXPECT_EQ(zone->rootfsPath, std::string(4095, '1'));
+}
+
+TEST_F(ZoneFactoryTest, StartsNoThreadThatRunsAlready)
+{
+    const ZonePtr zone = makeWith([](lxc_container*, const char* key, char* buffer, int) {
+        if (std::string(key) != "lxc.rootfs.path") {
+            return std::string(key) == "lxc.container_type" ? 2 : -1;
+        }
+        std::strcpy(buffer, "/");
+        everyLoopRuns = true;
+        return 1;
+    });
+    everyLoopRuns = false;
+    ASSERT_NE(zone, nullptr);
+    EXPECT_THAT(steps(), ElementsAre(CREATED, DESCRIBED, HasSubstr("It is permitted..."),
+                                     "I Start the zone thread for \"alpha\""));
+    EXPECT_TRUE(zone->run()); // for the end of the test
 }
