@@ -4,6 +4,7 @@
 
 #include "Common/Log.h"
 #include "ZoneCore/ZoneFactory.h"
+#include "tests/ZoneCore/EventSeams.h"
 #include "tests/ZoneCore/ZoneFixtures.h"
 #include "tests/support/unit/MutexHook.h"
 
@@ -21,6 +22,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using ZoneTest::atNextLock;
+using ZoneTest::createsNoEvent;
 using ZoneTest::Driven;
 using ZoneTest::FakeLxcControl;
 using ZoneTest::LogCapture;
@@ -39,7 +41,6 @@ struct Script
 };
 
 std::map<std::string, Script> scripts;
-bool createsNoEvent = false;
 
 class ScriptedZone : public Driven<Zone>
 {
@@ -90,18 +91,6 @@ Zone* ZoneFactory::getZone(lxc_container* container, std::string& basePath)
     }
     static_cast<void>(lxc_container_put(container));
     return nullptr;
-}
-
-// The linker gives the registry __wrap_NAME in place of Thread::createZoneEvent.
-#define CREATE_ZONE_EVENT "_ZN8ZoneCore6Thread15createZoneEventENS_14_ZoneEventTypeERKNS_9ZoneStateEPv"
-ZoneEvent* genuineCreateZoneEvent(ZoneEventType type, const ZoneState& state,
-                                  void* data) asm("__real_" CREATE_ZONE_EVENT);
-ZoneEvent* createZoneEvent(ZoneEventType type, const ZoneState& state,
-                           void* data) asm("__wrap_" CREATE_ZONE_EVENT);
-
-ZoneEvent* createZoneEvent(ZoneEventType type, const ZoneState& state, void* data)
-{
-    return createsNoEvent ? nullptr : genuineCreateZoneEvent(type, state, data);
 }
 
 namespace {

@@ -1,6 +1,8 @@
 #include "ZoneCore/ZoneManager.h"
+#include "tests/ZoneCore/EventSeams.h"
 #include "tests/ZoneCore/ZoneFixtures.h"
 #include "tests/support/unit/Eventually.h"
+#include "tests/support/unit/Failure.h"
 
 #include <gtest/gtest.h>
 
@@ -16,12 +18,18 @@ using testing::IsEmpty;
 using testing::Not;
 using ZoneTest::atThread;
 using ZoneTest::byThread;
+using ZoneTest::createsNoEvent;
 using ZoneTest::eventually;
+using ZoneTest::Failure;
 using ZoneTest::FakeLxcControl;
+using ZoneTest::IsEvent;
 using ZoneTest::LogCapture;
 using ZoneTest::ManagerFixture;
 using ZoneTest::ownTexts;
+using ZoneTest::QueuedEvents;
 using ZoneTest::RegistryFixture;
+
+ZONE_TEST_MAY_FAIL(gpointer, g_async_queue_try_pop, (GAsyncQueue * queue), (queue))
 
 namespace {
 
@@ -34,6 +42,8 @@ std::string by(const std::string& level, const std::string& text)
 {
     return level + " " + byThread("zone-manager") + text;
 }
+
+constexpr guint LARGEST_SOURCE_ID = 10000; ///< far beyond what this program makes
 
 /// A manager with a monitor, and two zones of which the second is marked for automatic start.
 class ZoneManagerTest : public testing::Test
@@ -75,6 +85,24 @@ protected:
         texts.erase(texts.begin(), texts.begin() + 2);
         return texts;
     }
+    /// The manager's own source in the default context.
+    [[nodiscard]] static EventSource* eventSource()
+    {
+        for (guint id = 1; id < LARGEST_SOURCE_ID; ++id) {
+            GSource* source = g_main_context_find_source_by_id(nullptr, id);
+            if (source != nullptr && g_strcmp0(g_source_get_name(source), "ZoneManagerEvent") == 0) {
+                return reinterpret_cast<EventSource*>(source);
+            }
+        }
+        return nullptr;
+    }
+    /// Dispatches the source once, which it must outlive. @return what that wrote
+    std::vector<std::string> dispatch(EventSource* source)
+    {
+        log.clear();
+        EXPECT_TRUE(source->source.source_funcs->dispatch(&source->source, nullptr, nullptr));
+        return ownTexts(log);
+    }
     /// Ends one zone's thread and waits for it.
     void end(const std::string& name)
     {
@@ -90,6 +118,7 @@ protected:
     std::unique_ptr<RegistryFixture> registry;
 };
 
+const std::string GSOURCE_LINE = at("I [GSource Name : ZoneManagerEvent] Dispatch the event");
 constexpr const char* MONITOR_STOPPED = "Monitor Thread is not running";
 
 } // namespace
@@ -152,6 +181,81 @@ TEST_F(ZoneManagerTest, TellsThatAnEventIsQueued)
                                    by("I", "zone event(9) is sent to Zone Manager")));
 }
 
+TEST_F(ZoneManagerTest, QueuesAnEventAsItIs)
+{
+    std::string payload = "alpha";
+    const QueuedEvents queued;
+    static_cast<void>(manager->whileRunning(
+        log, [&] { EXPECT_TRUE(get()->sendEvent(eZONE_EVENT_START, FROZEN, &payload)); }));
+    EXPECT_THAT(queued.events, ElementsAre(IsEvent(eZONE_EVENT_START, FROZEN, &payload)));
+}
+
+TEST_F(ZoneManagerTest, ReportsAnEventThatCannotBeMade)
+{
+    const auto texts = manager->whileRunning(log, [&] {
+        createsNoEvent = true;
+        EXPECT_FALSE(get()->sendEvent(eZONE_EVENT_CHECK_AUTO_START, NONE, nullptr));
+        createsNoEvent = false;
+    });
+    EXPECT_THAT(texts, ElementsAre(by("E", "Failed to create the zone event(8) for ZoneManager")));
+}
+
+// Its event source.
+
+TEST_F(ZoneManagerTest, LooksAtItsQueueEveryFiveSeconds)
+{
+    EventSource* source = eventSource();
+    ASSERT_NE(source, nullptr);
+    const auto expectReady = [&](bool ready) {
+        gint timeout = 0;
+        EXPECT_EQ(source->source.source_funcs->prepare(&source->source, &timeout) != FALSE, ready);
+        EXPECT_EQ(timeout, 5000);
+    };
+    EXPECT_EQ(source->source.source_funcs->check, nullptr);
+    static_cast<void>(manager->whileRunning(log, [&] {
+        expectReady(false);
+        EXPECT_TRUE(get()->sendEvent(eZONE_EVENT_START, NONE, nullptr));
+        expectReady(true);
+        source->owner = nullptr;
+        expectReady(false);
+        source->owner = get();
+    }));
+    get()->destroyEventQueue();
+    expectReady(false);
+}
+
+TEST_F(ZoneManagerTest, DispatchesOneEventAtATime)
+{
+    EventSource* source = eventSource();
+    ASSERT_NE(source, nullptr);
+    static_cast<void>(manager->whileRunning(log, [&] {
+        EXPECT_TRUE(get()->sendEvent(eZONE_EVENT_RESTART, NONE, nullptr));
+        EXPECT_TRUE(get()->sendEvent(eZONE_EVENT_START, NONE, nullptr));
+        EXPECT_THAT(dispatch(source), ElementsAre(GSOURCE_LINE, at("I Dispatch the event"),
+                                                  at("I receive the event - ZONE RESTART"),
+                                                  at("I event object(zonename) is null")));
+        EXPECT_THAT(dispatch(source),
+                    ElementsAre(GSOURCE_LINE, at("I Dispatch the event"), at("E event type is invalid")));
+        EXPECT_THAT(dispatch(source), IsEmpty());
+    }));
+}
+
+TEST_F(ZoneManagerTest, DispatchesNothingThatIsNotThere)
+{
+    EventSource* source = eventSource();
+    ASSERT_NE(source, nullptr);
+    static_cast<void>(manager->whileRunning(log, [&] {
+        EXPECT_TRUE(get()->sendEvent(eZONE_EVENT_START, NONE, nullptr));
+        source->owner = nullptr;
+        EXPECT_THAT(dispatch(source), IsEmpty());
+        source->owner = get();
+        const Failure failure("g_async_queue_try_pop"); // somebody was quicker
+        EXPECT_THAT(dispatch(source), ElementsAre(GSOURCE_LINE));
+    }));
+    get()->destroyEventQueue();
+    EXPECT_THAT(dispatch(source), IsEmpty());
+}
+
 // Events.
 
 TEST_F(ZoneManagerTest, DropsARestartWithoutAName)
@@ -182,9 +286,14 @@ TEST_F(ZoneManagerTest, ReportsARestartThatFails)
 TEST_F(ZoneManagerTest, ChecksTheAutomaticStart)
 {
     buildRegistry();
-    const auto texts = handle(eZONE_EVENT_CHECK_AUTO_START, nullptr);
-    EXPECT_EQ(texts.front(), at("I receive the event - CHECK AUTO START ZONE"));
-    EXPECT_EQ(texts.back(), at("I Requested to check auto start zone"));
+    EXPECT_THAT(
+        handle(eZONE_EVENT_CHECK_AUTO_START, nullptr),
+        ElementsAre(
+            at("I receive the event - CHECK AUTO START ZONE"), "I ZoneContainerState instance is created",
+            "I Checking auto start zone for \"alpha\" - 0 / 0 / NONE",
+            "I Checking auto start zone for \"bravo\" - 0 / 1 / NONE", HasSubstr("Auto start is permitted"),
+            HasSubstr("the zone event is sent to bravo"), "I zone event(1) is sent (zone name : bravo)",
+            "I ZoneContainerState instance is destroyed", at("I Requested to check auto start zone")));
     EXPECT_TRUE((*registry)->getZone("bravo")->autoStartRequested.load());
 }
 
@@ -210,11 +319,13 @@ TEST_F(ZoneManagerTest, AsksNothingWhileNobodyListens)
     buildRegistry();
     stopMonitor();
     log.clear();
+    const QueuedEvents queued;
     ZUP::LXCAttachCommand command{};
     EXPECT_FALSE(get()->startZone("alpha"));
     EXPECT_FALSE(get()->stopZone("alpha"));
     EXPECT_FALSE(get()->unfreezeZone("alpha"));
     EXPECT_FALSE(get()->zoneAttach("alpha", &command));
+    EXPECT_TRUE(queued.events.empty());
     const std::string line = by("E", std::string(MONITOR_STOPPED) + "(target zone : alpha)");
     EXPECT_THAT(ownTexts(log), ElementsAre(line, line, line, line));
     log.clear();
@@ -232,6 +343,7 @@ TEST_F(ZoneManagerTest, QueuesRequests)
                                 "I zone event(" + std::to_string(type) + ") is sent (zone name : alpha)"));
         log.clear();
     };
+    const QueuedEvents queued;
     EXPECT_TRUE(get()->startZone("alpha"));
     expectSent(1);
     EXPECT_TRUE(get()->stopZone("alpha"));
@@ -240,6 +352,10 @@ TEST_F(ZoneManagerTest, QueuesRequests)
     expectSent(4);
     EXPECT_TRUE(get()->zoneAttach("alpha", &command));
     expectSent(5);
+    EXPECT_THAT(queued.events, ElementsAre(IsEvent(eZONE_EVENT_START, NONE, nullptr),
+                                           IsEvent(eZONE_EVENT_STOP, NONE, nullptr),
+                                           IsEvent(eZONE_EVENT_UNFREEZE, NONE, nullptr),
+                                           IsEvent(eZONE_EVENT_ATTACH, NONE, static_cast<void*>(&command))));
 }
 
 TEST_F(ZoneManagerTest, ReportsRequestsThatAreNotDelivered)
@@ -271,10 +387,12 @@ TEST_F(ZoneManagerTest, ChecksAgainWithoutAManager)
 
 TEST_F(ZoneManagerTest, ChecksAgainUntilTheMonitorRuns)
 {
+    buildRegistry();
+    end("alpha"); // nobody looks
     stopMonitor();
     log.clear();
     EXPECT_TRUE(ZoneManager::threadRunningCheckCallback(get()));
-    EXPECT_THAT(log.texts(), ElementsAre(at("I [Main Thread] ZoneMonitor thread is not initialized yet")));
+    EXPECT_THAT(ownTexts(log), ElementsAre(at("I [Main Thread] ZoneMonitor thread is not initialized yet")));
 }
 
 TEST_F(ZoneManagerTest, ChecksAgainUntilEveryZoneThreadRuns)
