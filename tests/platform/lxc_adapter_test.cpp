@@ -39,7 +39,26 @@ protected:
         fs::remove_all("/run/lxc/lock" + lxcPath);
     }
 
-    void load(const std::string& path) { library_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL); }
+    void load(const std::string& path, int scope = RTLD_LOCAL)
+    {
+        library_ = dlopen(path.c_str(), RTLD_NOW | scope);
+    }
+
+    /// A child that has looked at a library lets go of it, so that its counters of the covered lines are
+    /// kept.
+    int unloadAnd(int status)
+    {
+        dlclose(library_);
+        return status;
+    }
+
+    /// The adapter opens the distribution's library once: a copy of the file is one that has not done so.
+    [[nodiscard]] std::string copy() const
+    {
+        std::string path = lxcPath + "/liblxc.so.1";
+        fs::copy_file(LXC_ADAPTER_FILE, path, fs::copy_options::overwrite_existing);
+        return path;
+    }
 
     template <typename Function>
     Function* function(const char* name)
@@ -146,14 +165,71 @@ TEST_F(LxcAdapterTest, ExportsTheFourMonitorFunctionsAndNoHelpers)
     EXPECT_EQ(function<void()>("_ZN10LxcAdapter17readContainerTypeERSi"), nullptr);
 }
 
-// The adapter opens the library once: a copy of the file is an adapter that has not done so.
+TEST_F(LxcAdapterTest, OnlyTheKindIsItsOwnAnswer)
+{
+    define("red", "zone.container_type = 1\n");
+    lxc_container* container =
+        function<decltype(lxc_container_new)>("lxc_container_new")("red", lxcPath.c_str());
+    ASSERT_NE(container, nullptr);
+    EXPECT_LT(container->get_config_item(container, "lxc.container_types", nullptr, 0), 0);
+    EXPECT_LT(container->get_config_item(container, "zone.container_type", nullptr, 0), 0);
+    EXPECT_LT(container->get_config_item(nullptr, "lxc.container_type", nullptr, 0), 0);
+    EXPECT_EQ(function<decltype(lxc_container_put)>("lxc_container_put")(container), 1);
+}
+
+TEST_F(LxcAdapterTest, AHandleWithoutAConfigurationFileHasNoKind)
+{
+    define("red", "zone.container_type = 1\n");
+    lxc_container* container =
+        function<decltype(lxc_container_new)>("lxc_container_new")("red", lxcPath.c_str());
+    ASSERT_NE(container, nullptr);
+    container->config_file_name = [](lxc_container*) -> char* { return nullptr; };
+    EXPECT_EQ(container->get_config_item(container, "lxc.container_type", nullptr, 0), -1);
+    EXPECT_EQ(function<decltype(lxc_container_put)>("lxc_container_put")(container), 1);
+}
+
+TEST_F(LxcAdapterTest, AContainerThatCannotBeHadIsNull)
+{
+    EXPECT_EQ(function<decltype(lxc_container_new)>("lxc_container_new")(nullptr, lxcPath.c_str()), nullptr);
+}
+
+// As in the daemon, where the distribution's library finds the adapter's functions before its own.
+TEST_F(LxcAdapterTest, AHandleThatComesByTwiceStillForwards)
+{
+    define("red", "zone.container_type = 2\n");
+    const auto result = runInChild({}, [&] {
+        load(copy(), RTLD_GLOBAL);
+        lxc_container** containers = nullptr;
+        if (function<decltype(list_defined_containers)>("list_defined_containers")(lxcPath.c_str(), nullptr,
+                                                                                   &containers) != 1) {
+            return 1;
+        }
+        lxc_container* red = containers[0];
+        char name[64] = "";
+        const bool answers = red->get_config_item(red, "lxc.container_type", nullptr, 0) == 2 &&
+                             red->get_config_item(red, "lxc.uts.name", name, sizeof(name)) == 3 &&
+                             std::strcmp(name, "red") == 0;
+        return answers ? 0 : 2;
+    });
+    EXPECT_EQ(result.exitStatus, 0) << result.signal << result.output;
+}
+
+TEST_F(LxcAdapterTest, AnEmptyWishIsNone)
+{
+    const auto result = runInChild({}, [&] {
+        setenv("ZONE_SYSTEM_LIBLXC", "", 1);
+        load(copy());
+        return std::strcmp(function<decltype(lxc_get_version)>("lxc_get_version")(), LXC_VERSION);
+    });
+    EXPECT_EQ(result.exitStatus, 0) << result.output;
+}
+
 TEST_F(LxcAdapterTest, WithoutTheDistributionsLibraryEveryCallFailsAndOneLineSaysWhy)
 {
-    const std::string copy = lxcPath + "/liblxc.so.1";
-    fs::copy_file(LXC_ADAPTER_FILE, copy);
-    for (const std::string& path : {std::string("/nowhere/liblxc.so.1"), std::string("libm.so.6"), copy}) {
+    const std::string itself = copy();
+    for (const std::string& path : {std::string("/nowhere/liblxc.so.1"), std::string("libm.so.6"), itself}) {
         const auto result = runInChild({{"ZONE_SYSTEM_LIBLXC", path}}, [&] {
-            load(copy);
+            load(itself);
             char** names = nullptr;
             const bool allFail =
                 function<decltype(lxc_get_version)>("lxc_get_version")() == nullptr &&
@@ -165,7 +241,7 @@ TEST_F(LxcAdapterTest, WithoutTheDistributionsLibraryEveryCallFailsAndOneLineSay
                 function<decltype(lxc_container_get)>("lxc_container_get")(nullptr) == 0 &&
                 function<decltype(lxc_container_put)>("lxc_container_put")(nullptr) == -1 &&
                 std::strcmp(function<const char*(int)>("lxc_state2str")(0), "STOPPED") == 0;
-            return allFail ? 0 : 1;
+            return unloadAnd(allFail ? 0 : 1);
         });
         EXPECT_EQ(result.exitStatus, 0) << result.signal;
         EXPECT_TRUE(result.output.starts_with("liblxc adapter: cannot use " + path + ": ")) << result.output;

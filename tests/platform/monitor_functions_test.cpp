@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -13,6 +14,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -40,7 +42,19 @@ std::string abstractName(const char* lxcPath)
     return address.sun_path + 1;
 }
 
+bool listenFails = false;
+
 } // namespace
+
+// Takes the place of the C library's in this program.
+extern "C" int listen(int descriptor, int backlog) noexcept
+{
+    if (listenFails) {
+        errno = EOPNOTSUPP;
+        return -1;
+    }
+    return reinterpret_cast<int (*)(int, int)>(dlsym(RTLD_NEXT, "listen"))(descriptor, backlog);
+}
 
 TEST(MonitorFunctions, TheFifoIsBelowTheRunDirectory)
 {
@@ -174,6 +188,32 @@ TEST(MonitorFunctions, ANullPathMakesAnUnboundSocket)
     ASSERT_EQ(getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length), 0);
     EXPECT_EQ(length, sizeof(sa_family_t));
     close(descriptor);
+}
+
+TEST(MonitorFunctions, OnlyAStreamSocketListens)
+{
+    const std::string path = std::string(1, '\0') + "zone-test-datagram-" + std::to_string(getpid());
+    const int descriptor = lxc_abstract_unix_open(path.c_str(), SOCK_DGRAM, 0);
+    EXPECT_GE(descriptor, 0); // listening would fail
+    close(descriptor);
+}
+
+TEST(MonitorFunctions, ATypeThatDoesNotExistIsRefused)
+{
+    EXPECT_EQ(lxc_abstract_unix_open(std::string(1, '\0').c_str(), 0x7f, 0), -1);
+    EXPECT_NE(errno, 0);
+}
+
+TEST(MonitorFunctions, ASocketThatDoesNotListenIsClosed)
+{
+    const std::string path = std::string(1, '\0') + "zone-test-deaf-" + std::to_string(getpid());
+    listenFails = true;
+    EXPECT_EQ(lxc_abstract_unix_open(path.c_str(), SOCK_STREAM, 0), -1);
+    EXPECT_EQ(errno, EOPNOTSUPP);
+    listenFails = false;
+    const int again = lxc_abstract_unix_open(path.c_str(), SOCK_STREAM, 0); // the name is free
+    EXPECT_GE(again, 0);
+    close(again);
 }
 
 TEST(MonitorFunctions, StatesHaveTheirWords)
