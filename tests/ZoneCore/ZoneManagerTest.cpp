@@ -222,6 +222,9 @@ TEST_F(ZoneManagerTest, LooksAtItsQueueEveryFiveSeconds)
     }));
     get()->destroyEventQueue();
     expectReady(false);
+    gint timeout = 0;
+    EXPECT_FALSE(source->source.source_funcs->prepare(nullptr, &timeout));
+    EXPECT_EQ(timeout, 5000);
 }
 
 TEST_F(ZoneManagerTest, DispatchesOneEventAtATime)
@@ -254,6 +257,8 @@ TEST_F(ZoneManagerTest, DispatchesNothingThatIsNotThere)
     }));
     get()->destroyEventQueue();
     EXPECT_THAT(dispatch(source), IsEmpty());
+    EXPECT_TRUE(source->source.source_funcs->dispatch(nullptr, nullptr, nullptr));
+    EXPECT_THAT(log.texts(), IsEmpty());
 }
 
 // Events.
