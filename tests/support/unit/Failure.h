@@ -44,7 +44,7 @@ private:
     extern "C" Result function parameters                                                                    \
     {                                                                                                        \
         if (ZoneTest::Failure::isDue(#function)) {                                                           \
-            return 0;                                                                                        \
+            return {};                                                                                       \
         }                                                                                                    \
         return ZoneTest::Failure::genuine(&function, #function) arguments;                                   \
     }
