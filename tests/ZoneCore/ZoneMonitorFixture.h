@@ -1,22 +1,27 @@
 #pragma once
 
 #include "ZoneCore/ZoneMonitor.h"
+#include "tests/ZoneCore/MonitorCalls.h"
 #include "tests/ZoneCore/ZoneFixtures.h"
 
 #include "Common/Handles.h"
 #include "Common/ProcessSignals.h"
 
+#include <glib.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
+#include <cstdarg>
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 #include <vector>
@@ -42,6 +47,18 @@ inline std::string by(const std::string& level, const std::string& text)
     return level + " " + byThread("zone-monitor") + text;
 }
 
+/// A record of the monitor, its text given as for printf.
+__attribute__((format(printf, 2, 3))) inline std::string said(const char* level, const char* format, ...)
+{
+    std::va_list arguments;
+    va_start(arguments, format);
+    gchar* text = g_strdup_vprintf(format, arguments);
+    va_end(arguments);
+    const std::string result = by(level, text);
+    g_free(text);
+    return result;
+}
+
 /// A record of the monitor in which each # stands for a number.
 inline testing::Matcher<std::string> line(const std::string& level, const std::string& text)
 {
@@ -56,6 +73,66 @@ inline testing::Matcher<std::string> line(const std::string& level, const std::s
         }
     }
     return testing::MatchesRegex(expression);
+}
+
+/// A call of the monitor that takes one descriptor, as it is traced.
+inline std::string called(const std::string& function, int fd)
+{
+    return "D " + function + "(" + std::to_string(fd) + ")";
+}
+
+/// The number that follows the last occurrence of a text in the records; -1 without one.
+inline int numberAfter(const LogCapture& log, std::string_view text)
+{
+    int number = -1;
+    for (const std::string& record : log.texts()) {
+        const auto found = record.find(text);
+        if (found != std::string::npos) {
+            number = std::atoi(record.c_str() + found + text.size());
+        }
+    }
+    return number;
+}
+
+inline std::vector<int> openDescriptors()
+{
+    std::vector<int> all;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        all.push_back(std::atoi(entry.path().filename().c_str()));
+    }
+    return all;
+}
+
+/// Where this process listens at an abstract name; -1 when it does not.
+inline int listenerAt(const std::string& name)
+{
+    for (const int fd : openDescriptors()) {
+        sockaddr_un address{};
+        socklen_t length = sizeof(address);
+        int listens = 0;
+        socklen_t size = sizeof(listens);
+        if (getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size) == 0 && listens == 1 &&
+            getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
+            address.sun_path + 1 == name) {
+            return fd;
+        }
+    }
+    return -1;
+}
+
+/// Where this process has opened a file for reading and writing; -1 when it has not.
+inline int opened(const char* path)
+{
+    struct stat wanted = {};
+    EXPECT_EQ(stat(path, &wanted), 0);
+    for (const int fd : openDescriptors()) {
+        struct stat status = {};
+        if (fstat(fd, &status) == 0 && status.st_ino == wanted.st_ino && status.st_dev == wanted.st_dev &&
+            (fcntl(fd, F_GETFL) & O_ACCMODE) == O_RDWR) {
+            return fd;
+        }
+    }
+    return -1;
 }
 
 /// Replaces the library by another file: one that is mapped must not change.
@@ -121,18 +198,18 @@ protected:
         manager->get()->destroyZoneMonitor();
         manager.reset();
     }
-    /// Ends a child process: with 0 after a failure whose last record begins like this and a teardown that
-    /// closes the library.
-    [[noreturn]] void expectLastAndExit(bool initialized, const std::string& beginning)
-    {
-        const bool failed = !initialized && log.texts().back().rfind(beginning, 0) == 0;
-        manager->get()->destroyZoneMonitor();
-        const auto texts = log.texts();
-        const std::string closed = by("I", "Monitor Interface Handle is closed(/zone/config/liblxc.so.1)");
-        _exit(failed && std::find(texts.begin(), texts.end(), closed) != texts.end() ? 0 : 1);
-    }
     bool initialize() { return monitor->initialize(std::string(ZoneTest::BASE_PATH)); }
 
+    /// Has the manager delete the monitor. @return what was written and, if traced, called meanwhile
+    std::vector<std::string> tearDown()
+    {
+        log.clear();
+        manager->get()->destroyZoneMonitor();
+        calls.reset();
+        return log.texts();
+    }
+
+    MonitorCalls calls;
     LogCapture log;
     FakeLxcControl control;
     std::unique_ptr<ManagerFixture> manager;
@@ -190,6 +267,7 @@ protected:
     {
         ZoneCore::UniqueFd client = connectTo(SUBSCRIBERS);
         EXPECT_EQ(monitor->drain(), 1);
+        subscriberFd = numberAfter(log, "client connection is added to GIO Channel List[client fd : ");
         log.clear();
         return client;
     }
@@ -211,6 +289,7 @@ protected:
 
     std::unique_ptr<RegistryFixture> registry;
     ZoneCore::UniqueFd fifo;
+    int subscriberFd = -1; ///< the monitor's end of the latest subscription
 };
 
 } // namespace ZoneTest

@@ -1,80 +1,87 @@
+// The monitor's set-up and teardown when all goes well.
 #include "tests/ZoneCore/ZoneMonitorFixture.h"
+
+#include "Common/ThreadGate.h"
+#include "tests/support/unit/Eventually.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <array>
-#include <csignal>
-#include <cstring>
-#include <fcntl.h>
+#include <cerrno>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <thread>
+#include <utility>
 #include <vector>
 
 namespace fs = std::filesystem;
 using namespace ZoneCore;
-using testing::Contains;
 using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::StartsWith;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
 using ZoneTest::atEnd;
 using ZoneTest::by;
 using ZoneTest::byThread;
+using ZoneTest::called;
+using ZoneTest::connectTo;
+using ZoneTest::eventually;
 using ZoneTest::FIFO;
-using ZoneTest::installLibrary;
 using ZoneTest::labelOf;
-using ZoneTest::LIBRARY;
-using ZoneTest::line;
+using ZoneTest::listenerAt;
+using ZoneTest::numberAfter;
+using ZoneTest::opened;
 using ZoneTest::QUERIES;
-using ZoneTest::ReadOnlyMount;
 using ZoneTest::RUN_DIRECTORY;
+using ZoneTest::said;
 using ZoneTest::setLabel;
+using ZoneTest::SUBSCRIBERS;
 using ZoneTest::ZoneMonitorSetUpTest;
 using ZoneTest::ZoneMonitorTest;
 
 namespace {
 
-/// A process that holds the lock of a FIFO, as long as the object lives.
-class LockHolder
-{
-public:
-    explicit LockHolder(const char* path)
-    {
-        std::array<int, 2> ready{};
-        EXPECT_EQ(pipe2(ready.data(), O_CLOEXEC), 0);
-        child = fork();
-        if (child == 0) {
-            struct flock lock = {};
-            lock.l_type = F_WRLCK;
-            lock.l_whence = SEEK_SET;
-            const char answer = fcntl(open(path, O_RDWR), F_SETLK, &lock) == 0 ? 'y' : 'n';
-            static_cast<void>(!write(ready[1], &answer, 1));
-            pause();
-            _exit(0);
-        }
-        char answer = 0;
-        EXPECT_EQ(read(ready[0], &answer, 1), 1);
-        EXPECT_EQ(answer, 'y');
-        close(ready[0]);
-        close(ready[1]);
-    }
-    ~LockHolder()
-    {
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
-    }
-    LockHolder(const LockHolder&) = delete;
-    LockHolder& operator=(const LockHolder&) = delete;
+using Texts = std::vector<std::string>;
 
-private:
-    pid_t child = -1;
-};
+const std::string TERMINATED = "I Thread is terminated(thread name : zone-monitor, thread id : ";
+
+void append(Texts& texts, const Texts& more)
+{
+    texts.insert(texts.end(), more.begin(), more.end());
+}
+
+/// What adding a watcher for input calls and writes.
+Texts watched(int fd)
+{
+    return {"D g_io_create_watch(" + std::to_string(fd) + ", " + std::to_string(G_IO_IN | G_IO_PRI) + ")",
+            "D g_source_attach()", "D g_source_unref()",
+            said("I", "IO(%d) watcher is added to Thread Context", fd)};
+}
+
+/// What destroying a channel calls and writes.
+Texts destroyed(int fd)
+{
+    return {called("g_io_channel_unref", fd), called("close", fd),
+            said("I", "GIO Channel is destroyed[fd : %d]", fd)};
+}
+
+/// The teardown from its second half on: the loaded library, then the object.
+Texts libraryClosedAndObjectDeleted(const Texts& closing = {})
+{
+    const std::string tid = std::to_string(currentThreadId());
+    Texts texts{"D dlclose()"};
+    append(texts, closing);
+    append(texts,
+           {by("I", "Monitor Interface Handle is initialized"),
+            by("I", "Monitor Interface Handle is closed(/zone/config/liblxc.so.1)"),
+            "I [tid : " + tid + "] zone monitor instance is destroyed",
+            "I release the event source from the main context(thread name : zone-monitor, thread id : " +
+                tid + ")",
+            "I Thread is destroyed(thread name : zone-monitor, thread id : " + tid + ")"});
+    return texts;
+}
 
 } // namespace
 
@@ -92,24 +99,54 @@ TEST_F(ZoneMonitorSetUpTest, LogsItsLife)
 
 TEST_F(ZoneMonitorSetUpTest, PreparesEverythingInOrder)
 {
+    calls.trace();
     EXPECT_TRUE(initialize());
-    EXPECT_THAT(
-        log.texts(),
-        ElementsAre(
-            "I " + byThread("") + "Monitor Interface Handle is initialized",
-            line("I", "Monitor Interface Handle is opened(/zone/config/liblxc.so.1)"),
-            line("I", "Monitor Interface Symbols are set"), "I \"/run/lxc\" smack label is \"_\"(1)",
-            "I \"/run/lxc\" smack label is changed to \"!\" successfully",
-            line("I", std::string("FIFO node is created to ") + FIFO + " for /zone-test[#](ref count : 1)"),
-            line("I", "FLock is set for fifo [#]"),
-            line("I", std::string("State Change Monitor(fifo) is created - /zone-test / ") + FIFO + "[#]"),
-            line("I", "Server is created - /zone-test / test-subscribers[#]"),
-            line("I", "Server is created - zonemanager_socket[#]"),
-            line("I", "GIO Channels for state change monitor & server are created - /zone-test[# / #]"),
-            line("I", "IO(#) watcher is added to Thread Context"),
-            line("I", "IO(#) watcher is added to Thread Context"),
-            line("I", "IO(#) watcher is added to Thread Context"),
-            line("I", "GIO Watchers are added to thread context - /zone-test[# / #]")));
+    calls.reset();
+    const Texts texts = log.texts();
+
+    const int fifo = opened(FIFO);
+    const int publisher = listenerAt(SUBSCRIBERS);
+    const int queries = listenerAt(QUERIES);
+    Texts expected{
+        "I " + byThread("") + "Monitor Interface Handle is initialized",
+        "D g_main_context_new()",
+        "D dlopen(/zone/config/liblxc.so.1, 1)", // RTLD_LAZY
+        by("I", "Monitor Interface Handle is opened(/zone/config/liblxc.so.1)"),
+        "D dlsym(lxc_monitor_fifo_name)",
+        "D dlsym(lxc_monitor_sock_name)",
+        "D dlsym(lxc_abstract_unix_open)",
+        "D dlsym(lxc_state2str)",
+        by("I", "Monitor Interface Symbols are set"),
+        "D lxc_monitor_fifo_name(/zone-test, 4096, 1)",
+        "D mknod(/run/lxc//zone-test/monitor-fifo, 10600, 0)",
+        "I \"/run/lxc\" smack label is \"_\"(1)",
+        "I \"/run/lxc\" smack label is changed to \"!\" successfully",
+        "D open(/run/lxc//zone-test/monitor-fifo, 2)", // O_RDWR
+        said("I", "FIFO node is created to %s for /zone-test[%d](ref count : 1)", FIFO, fifo),
+        // F_SETLK: a write lock, from the start, to the end, wherever that is
+        "D fcntl(" + std::to_string(fifo) + ", 6, 1, 0, 0, 0)",
+        said("I", "FLock is set for fifo [%d]", fifo),
+        said("I", "State Change Monitor(fifo) is created - /zone-test / %s[%d]", FIFO, fifo),
+        called("g_io_channel_unix_new", fifo),
+        "D lxc_monitor_sock_name(/zone-test)",
+        "D lxc_abstract_unix_open(test-subscribers, 1, 512)", // SOCK_STREAM
+        said("I", "Server is created - /zone-test / test-subscribers[%d]", publisher),
+        called("g_io_channel_unix_new", publisher),
+        "D socket(1, 1, 0)", // AF_UNIX, SOCK_STREAM
+        "D bind(" + std::to_string(queries) + ", 110)",
+        "D listen(" + std::to_string(queries) + ", 100)",
+        said("I", "Server is created - zonemanager_socket[%d]", queries),
+        called("g_io_channel_unix_new", queries),
+        said("I", "GIO Channels for state change monitor & server are created - /zone-test[%d / %d]", fifo,
+             publisher),
+    };
+    append(expected, watched(publisher));
+    append(expected, watched(fifo));
+    append(expected, watched(queries));
+    expected.push_back(
+        said("I", "GIO Watchers are added to thread context - /zone-test[%d / %d]", fifo, publisher));
+    EXPECT_THAT(texts, ElementsAreArray(expected));
+
     struct stat status = {};
     ASSERT_EQ(stat(FIFO, &status), 0);
     EXPECT_TRUE(S_ISFIFO(status.st_mode));
@@ -117,66 +154,30 @@ TEST_F(ZoneMonitorSetUpTest, PreparesEverythingInOrder)
     EXPECT_EQ(labelOf(RUN_DIRECTORY), "!");
     EXPECT_EQ(monitor->name(), "zone-monitor");
     EXPECT_FALSE(monitor->usesDefaultContext());
-    EXPECT_THAT(control.calls(), Contains("lxc_abstract_unix_open - - 1,512"));
 }
 
 TEST_F(ZoneMonitorSetUpTest, TakesAnOldFifoAgain)
 {
     fs::create_directories(fs::path(FIFO).parent_path());
     ASSERT_EQ(mkfifo(FIFO, 0600), 0);
+    struct stat old = {};
+    ASSERT_EQ(stat(FIFO, &old), 0);
     EXPECT_TRUE(initialize());
+    struct stat status = {};
+    ASSERT_EQ(stat(FIFO, &status), 0);
+    EXPECT_EQ(status.st_ino, old.st_ino);
+    EXPECT_NE(numberAfter(log, "FLock is set for fifo ["), -1);
 }
 
-// A library stays loaded in a process that has opened it once, so the tests of bad ones take a new process.
-
-TEST_F(ZoneMonitorSetUpTest, NeedsTheLibrary)
+TEST_F(ZoneMonitorSetUpTest, TakesOnlyANegativeResultForAFailure)
 {
-    testing::FLAGS_gtest_death_test_style = "threadsafe";
-    const auto tryIt = [this] {
-        fs::remove(LIBRARY);
-        const bool initialized = initialize();
-        expectLastAndExit(initialized, by("E", "Failed to dlopen for /zone/config/liblxc.so.1 - "));
-    };
-    EXPECT_EXIT(tryIt(), testing::ExitedWithCode(0), "");
-}
-
-TEST_F(ZoneMonitorSetUpTest, NeedsEveryFunctionOfTheLibrary)
-{
-    testing::FLAGS_gtest_death_test_style = "threadsafe";
-    const auto tryIt = [this] {
-        installLibrary(FAKE_LXC_INCOMPLETE_FILE);
-        const bool initialized = initialize();
-        expectLastAndExit(initialized, by("E", "Failed to get symbol of lxc_state2str - "));
-    };
-    EXPECT_EXIT(tryIt(), testing::ExitedWithCode(0), "");
-}
-
-TEST_F(ZoneMonitorSetUpTest, NeedsAFifoName)
-{
-    control.set("fifo_name_fails");
-    EXPECT_FALSE(initialize());
-    EXPECT_THAT(
-        log.texts().back(),
-        StartsWith(by("E", "Failed to create the name of fifo path for state events - /zone-test / ")));
-}
-
-TEST_F(ZoneMonitorSetUpTest, NeedsAFifo)
-{
-    fs::create_directories(fs::path(FIFO).parent_path());
-    const ReadOnlyMount mounted(RUN_DIRECTORY);
-    EXPECT_FALSE(initialize());
-    EXPECT_EQ(log.texts().back(),
-              by("E", std::string("Failed to create the node for monitor fifo - /zone-test / ") + FIFO +
-                          "(ref count : 1)"));
-}
-
-TEST_F(ZoneMonitorSetUpTest, RefusesAFifoOutsideOfLxcDirectories)
-{
-    control.set("fifo_name", "/zone-test/monitor-fifo");
-    EXPECT_FALSE(initialize());
-    EXPECT_EQ(log.texts().back(),
-              by("E", "Can not find string(lxc) - /zone-test/monitor-fifo(ref count : 1)"));
-    EXPECT_FALSE(fs::exists("/zone-test/monitor-fifo"));
+    calls.give("lxc_monitor_fifo_name(", 1);
+    calls.give("lxc_monitor_sock_name(", 1);
+    calls.give("mknod(", 1);
+    calls.give("fcntl(", 1);
+    calls.give("bind(", 1);
+    calls.give("listen(", 1);
+    EXPECT_TRUE(initialize());
 }
 
 TEST_F(ZoneMonitorSetUpTest, LabelsUpToTheFirstLxcOfThePath)
@@ -192,104 +193,46 @@ TEST_F(ZoneMonitorSetUpTest, LabelsUpToTheFirstLxcOfThePath)
     EXPECT_EQ(labelOf("/zone-test/my-lxc-files"), "(none)");
 }
 
-TEST_F(ZoneMonitorSetUpTest, NeedsALabelOfTheDirectory)
-{
-    fs::remove_all(RUN_DIRECTORY);
-    EXPECT_FALSE(initialize());
-    EXPECT_EQ(log.texts().back(),
-              by("E", std::string("Failed to set container access label - /zone-test / ") + FIFO +
-                          "(ref count : 1)"));
-    EXPECT_FALSE(fs::exists(FIFO));
-}
-
-TEST_F(ZoneMonitorSetUpTest, NeedsAFifoThatOpens)
-{
-    fs::create_directories(FIFO); // exists, and cannot be opened for writing
-    EXPECT_FALSE(initialize());
-    EXPECT_EQ(log.texts().back(), by("E", std::string("Failed to open the monitor fifo - /zone-test / ") +
-                                              FIFO + "(ref count : 1)"));
-}
-
-TEST_F(ZoneMonitorSetUpTest, NeedsTheLockOfTheFifo)
-{
-    fs::create_directories(fs::path(FIFO).parent_path());
-    ASSERT_EQ(mkfifo(FIFO, 0600), 0);
-    const LockHolder holder(FIFO);
-    EXPECT_FALSE(initialize());
-    EXPECT_THAT(log.texts().back(), line("E", "Failed to set flock for monitor fifo - /zone-test / [#]"));
-    EXPECT_FALSE(fs::exists(FIFO));
-}
-
-TEST_F(ZoneMonitorSetUpTest, NeedsAPublisherName)
-{
-    control.set("sock_name_fails");
-    EXPECT_FALSE(initialize());
-    EXPECT_THAT(log.texts(), Contains(by("E", "Failed to create the socket name - /zone-test")));
-    EXPECT_THAT(log.texts().back(), line("I", "GIO Channel is destroyed[fd : #]"));
-    EXPECT_FALSE(fs::exists(FIFO));
-}
-
-TEST_F(ZoneMonitorSetUpTest, NeedsAPublisherSocket)
-{
-    control.set("unix_open_fails");
-    EXPECT_FALSE(initialize());
-    EXPECT_THAT(log.texts(), Contains(by("E", "Failed to open the unix domain socket for monitor publisher - "
-                                              "/zone-test / test-subscribers")));
-    EXPECT_FALSE(fs::exists(FIFO));
-}
-
-TEST_F(ZoneMonitorSetUpTest, NeedsTheQuerySocket)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path + 1, QUERIES);
-    const UniqueFd taken(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    ASSERT_EQ(bind(taken.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-    EXPECT_FALSE(initialize());
-    const auto texts = log.texts();
-    const auto failed = std::find(texts.begin(), texts.end(), by("E", "Failed to bind"));
-    ASSERT_NE(failed, texts.end());
-    EXPECT_THAT(std::vector<std::string>(failed + 1, texts.end()),
-                ElementsAre(line("I", "GIO Channel is destroyed[fd : #]"),
-                            line("I", "GIO Channel is destroyed[fd : #]")));
-    EXPECT_FALSE(fs::exists(FIFO));
-}
-
 // Teardown.
 
 TEST_F(ZoneMonitorTest, IsTornDownInOrder)
 {
-    log.clear();
-    manager->get()->destroyZoneMonitor();
-    const auto texts = log.texts();
-    ASSERT_GE(texts.size(), 9U);
-    EXPECT_THAT(std::vector<std::string>(texts.begin(), texts.begin() + 9),
-                ElementsAre(line("I", "Remove all client connections[count : 0]"),
-                            line("I", "All client connections are removed"),
-                            line("I", "State GIO Channels are destroyed - /zone-test[fifo : # / socket : #]"),
-                            line("I", "GIO Channel is destroyed[fd : #]"),
-                            line("I", "GIO Channel is destroyed[fd : #]"),
-                            line("I", "GIO Channel is destroyed[fd : #]"),
-                            line("I", "Monitor Interface Handle is initialized"),
-                            line("I", "Monitor Interface Handle is closed(/zone/config/liblxc.so.1)"),
-                            HasSubstr("zone monitor instance is destroyed")));
+    const int fifoFd = opened(FIFO);
+    const int publisher = listenerAt(SUBSCRIBERS);
+    const int queries = listenerAt(QUERIES);
+    calls.trace();
+    const Texts texts = tearDown();
+    Texts expected{by("I", "Remove all client connections[count : 0]"),
+                   by("I", "All client connections are removed"),
+                   said("I", "State GIO Channels are destroyed - /zone-test[fifo : %d / socket : %d]", fifoFd,
+                        publisher)};
+    append(expected, destroyed(fifoFd));
+    append(expected, destroyed(publisher));
+    append(expected, destroyed(queries));
+    append(expected, libraryClosedAndObjectDeleted());
+    EXPECT_THAT(texts, ElementsAreArray(expected));
     EXPECT_EQ(manager->get()->zoneMonitor, nullptr);
     EXPECT_TRUE(fs::exists(FIFO));
+    EXPECT_THAT(tearDown(), IsEmpty()) << "nothing is left to tear down";
 }
 
 TEST_F(ZoneMonitorTest, DropsItsSubscribersAtTeardown)
 {
     const UniqueFd first = subscribe();
+    const int firstFd = subscriberFd;
     const UniqueFd second = subscribe();
-    manager->get()->destroyZoneMonitor();
-    const auto texts = log.texts();
-    EXPECT_THAT(std::vector<std::string>(texts.begin(), texts.begin() + 6),
-                ElementsAre(line("I", "Remove all client connections[count : 2]"),
-                            line("I", "Found client connection from client GIO List[client socket : #]"),
-                            line("I", "GIO Channel is destroyed[fd : #]"),
-                            line("I", "Found client connection from client GIO List[client socket : #]"),
-                            line("I", "GIO Channel is destroyed[fd : #]"),
-                            line("I", "All client connections are removed")));
+    const int secondFd = subscriberFd;
+    calls.trace();
+    const Texts texts = tearDown();
+    Texts expected{by("I", "Remove all client connections[count : 2]")};
+    for (const int fd : {firstFd, secondFd}) {
+        expected.push_back(said("I", "Found client connection from client GIO List[client socket : %d]", fd));
+        append(expected, destroyed(fd));
+    }
+    expected.push_back(by("I", "All client connections are removed"));
+    ASSERT_GE(texts.size(), expected.size());
+    EXPECT_THAT(Texts(texts.begin(), texts.begin() + static_cast<long>(expected.size())),
+                ElementsAreArray(expected));
     EXPECT_TRUE(atEnd(first));
     EXPECT_TRUE(atEnd(second));
 }
@@ -297,6 +240,50 @@ TEST_F(ZoneMonitorTest, DropsItsSubscribersAtTeardown)
 TEST_F(ZoneMonitorTest, IsTerminatedFirstWhenItRuns)
 {
     monitor->countAsRunning();
-    manager->get()->destroyZoneMonitor();
-    EXPECT_THAT(log.texts().front(), StartsWith("I Thread is terminated(thread name : zone-monitor"));
+    const Texts texts = tearDown();
+    ASSERT_GE(texts.size(), 2U);
+    EXPECT_EQ(texts.at(0), TERMINATED + std::to_string(currentThreadId()) + ")");
+    EXPECT_EQ(texts.at(1), by("I", "Remove all client connections[count : 0]"));
+}
+
+TEST_F(ZoneMonitorTest, ReportsALibraryThatCannotBeClosed)
+{
+    calls.fail("dlclose(", EBUSY);
+    calls.trace();
+    const Texts texts = tearDown();
+    const Texts expected = libraryClosedAndObjectDeleted(
+        {by("E", "Failed to close Mointor Interface Handle of /zone/config/liblxc.so.1 - Device or resource "
+                 "busy")});
+    ASSERT_GE(texts.size(), expected.size());
+    EXPECT_THAT(Texts(texts.end() - static_cast<long>(expected.size()), texts.end()),
+                ElementsAreArray(expected));
+}
+
+TEST_F(ZoneMonitorTest, StaysWhileItsThreadIsInTheMiddleOfSomething)
+{
+    ASSERT_TRUE(monitor->run());
+    UniqueFd silent = connectTo(QUERIES, sizeof(sockaddr_un));
+    ASSERT_TRUE(eventually([this] { return numberAfter(log, "is connected[listen socket : ") >= 0; }));
+    EXPECT_THAT(tearDown(), ElementsAre(TERMINATED + std::to_string(currentThreadId()) + ")"));
+    EXPECT_EQ(manager->get()->zoneMonitor, monitor);
+    silent.reset();
+    EXPECT_TRUE(eventually([this] {
+        manager->get()->destroyZoneMonitor();
+        return manager->get()->zoneMonitor == nullptr;
+    }));
+}
+
+TEST_F(ZoneMonitorTest, TouchesNothingBehindAClosedGate)
+{
+    std::thread([] {
+        ThreadGate gate;
+        EXPECT_TRUE(gate.close());
+        gate.guardThisThread();
+        for (const GIOFunc callback :
+             {ZoneMonitor::stateChangeIOEventCallback, ZoneMonitor::serverIOEventCallback,
+              ZoneMonitor::clientIOEventCallback, ZoneMonitor::initPidResponseCallback}) {
+            EXPECT_FALSE(callback(nullptr, G_IO_IN, nullptr));
+        }
+    }).join();
+    EXPECT_THAT(log.texts(), IsEmpty());
 }
