@@ -75,10 +75,12 @@ inline testing::Matcher<std::string> line(const std::string& level, const std::s
     return testing::MatchesRegex(expression);
 }
 
-/// A call of the monitor that takes one descriptor, as it is traced.
-inline std::string called(const std::string& function, int fd)
+/// A call of the monitor that takes numbers, as it is traced.
+template <typename... Numbers>
+std::string called(const std::string& function, int first, Numbers... others)
 {
-    return "D " + function + "(" + std::to_string(fd) + ")";
+    return "D " + function + "(" + std::to_string(first) +
+           (std::string() + ... + (", " + std::to_string(others))) + ")";
 }
 
 /// The number that follows the last occurrence of a text in the records; -1 without one.

@@ -22,6 +22,7 @@ using testing::Matcher;
 using testing::StartsWith;
 using ZoneTest::by;
 using ZoneTest::byThread;
+using ZoneTest::called;
 using ZoneTest::EXIT;
 using ZoneTest::FIFO;
 using ZoneTest::line;
@@ -93,15 +94,14 @@ protected:
     /// The same as it should be, up to the follow-up.
     [[nodiscard]] std::vector<Matcher<std::string>> relayedTraced(int value, const std::string& word) const
     {
-        const std::string number = std::to_string(value);
-        const std::string fifoFd = std::to_string(opened(FIFO));
+        const int fifoFd = opened(FIFO);
         std::vector<Matcher<std::string>> steps;
         const auto add = [&steps](const std::string& text) { steps.emplace_back(testing::StrEq(text)); };
-        add(by("I", "state change IO event is received[fd : " + fifoFd + ", count : 2]"));
-        add("D read(" + fifoFd + ", 264)");
-        add("D lxc_state2str(" + number + ")");
+        add(said("I", "state change IO event is received[fd : %d, count : 2]", fifoFd));
+        add(called("read", fifoFd, 264));
+        add(called("lxc_state2str", value));
         add(by("I", "The state of hybrid is changed to " + word));
-        add("D lxc_state2str(" + number + ")");
+        add(called("lxc_state2str", value));
         add("I ZoneContainerState instance is created");
         add("I ZoneContainerState instance is destroyed");
         steps.emplace_back(HasSubstr("the zone event is sent to hybrid"));
@@ -112,7 +112,7 @@ protected:
         add("D ZoneStateChangedSignal('hybrid', '" + word + "')");
         add("I Broadcasting Signals - hybrid / " + word);
         for (const int fd : {firstFd, secondFd}) {
-            add("D write(" + std::to_string(fd) + ", 264)");
+            add(called("write", fd, 264));
             add(said("I", "hybrid => %s message is notified to [fd : %d, count : 2]", word.c_str(), fd));
         }
         add(by("I", "State Change Event is notified to all subscribers - hybrid => " + word));

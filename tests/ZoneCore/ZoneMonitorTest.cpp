@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <fcntl.h>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -55,8 +56,7 @@ void append(Texts& texts, const Texts& more)
 /// What adding a watcher for input calls and writes.
 Texts watched(int fd)
 {
-    return {"D g_io_create_watch(" + std::to_string(fd) + ", " + std::to_string(G_IO_IN | G_IO_PRI) + ")",
-            "D g_source_attach()", "D g_source_unref()",
+    return {called("g_io_create_watch", fd, G_IO_IN | G_IO_PRI), "D g_source_attach()", "D g_source_unref()",
             said("I", "IO(%d) watcher is added to Thread Context", fd)};
 }
 
@@ -123,8 +123,7 @@ TEST_F(ZoneMonitorSetUpTest, PreparesEverythingInOrder)
         "I \"/run/lxc\" smack label is changed to \"!\" successfully",
         "D open(/run/lxc//zone-test/monitor-fifo, 2)", // O_RDWR
         said("I", "FIFO node is created to %s for /zone-test[%d](ref count : 1)", FIFO, fifo),
-        // F_SETLK: a write lock, from the start, to the end, wherever that is
-        "D fcntl(" + std::to_string(fifo) + ", 6, 1, 0, 0, 0)",
+        called("fcntl", fifo, F_SETLK, F_WRLCK, SEEK_SET, 0, 0),
         said("I", "FLock is set for fifo [%d]", fifo),
         said("I", "State Change Monitor(fifo) is created - /zone-test / %s[%d]", FIFO, fifo),
         called("g_io_channel_unix_new", fifo),
@@ -132,9 +131,9 @@ TEST_F(ZoneMonitorSetUpTest, PreparesEverythingInOrder)
         "D lxc_abstract_unix_open(test-subscribers, 1, 512)", // SOCK_STREAM
         said("I", "Server is created - /zone-test / test-subscribers[%d]", publisher),
         called("g_io_channel_unix_new", publisher),
-        "D socket(1, 1, 0)", // AF_UNIX, SOCK_STREAM
-        "D bind(" + std::to_string(queries) + ", 110)",
-        "D listen(" + std::to_string(queries) + ", 100)",
+        called("socket", AF_UNIX, SOCK_STREAM, 0),
+        called("bind", queries, 110),
+        called("listen", queries, 100),
         said("I", "Server is created - zonemanager_socket[%d]", queries),
         called("g_io_channel_unix_new", queries),
         said("I", "GIO Channels for state change monitor & server are created - /zone-test[%d / %d]", fifo,
