@@ -644,14 +644,14 @@ bool ZoneMonitor::setGIOFlags(GIOChannel* channel, GIOFlags flags)
     if ((current & flags) == flags) {
         return true;
     }
-    const auto wanted = static_cast<GIOFlags>(current | flags);
     GErrorPtr error;
-    const GIOStatus status = g_io_channel_set_flags(channel, wanted, OutError(error));
+    const GIOStatus status =
+        g_io_channel_set_flags(channel, static_cast<GIOFlags>(current | flags), OutError(error));
     if (status == G_IO_STATUS_NORMAL) {
         return true;
     }
     ZLOGE("[%s:%d] Failed to set flags for GIOChannel[flags : %d, status : %d]", threadName.c_str(),
-          currentThreadId(), static_cast<int>(wanted), static_cast<int>(status));
+          currentThreadId(), static_cast<int>(flags), static_cast<int>(status));
     if (error != nullptr) {
         ZLOGE("[%s:%d] Error Message : %s", threadName.c_str(), currentThreadId(), error->message);
     }
