@@ -1,223 +1,37 @@
 #include "DBusCore/ZoneManagerDBusInterface.h"
 #include "DBusCore/Introspection.h"
-#include "tests/ZoneCore/ZoneFixtures.h"
+#include "tests/DBusCore/PublishedService.h"
 #include "tests/support/unit/Eventually.h"
 
-#include "Common/Handles.h"
+#include <gmock/gmock.h>
 
-#include <gio/gio.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <chrono>
-#include <functional>
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
 #include <unistd.h>
-#include <utility>
 #include <vector>
 
 using namespace DBusCore;
-using namespace ZoneCore;
-using testing::AllOf;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
-using testing::Not;
-using ZoneTest::byThread;
-using ZoneTest::FakeLxcControl;
+using ZoneCore::FreeWith;
+using ZoneCore::GBusConnectionPtr;
+using ZoneCore::GVariantPtr;
+using ZoneTest::Answer;
+using ZoneTest::Bus;
+using ZoneTest::iterateUntil;
 using ZoneTest::LogCapture;
-using ZoneTest::ManagerFixture;
 using ZoneTest::ownTexts;
-using ZoneTest::RegistryFixture;
+using ZoneTest::permissionLine;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-constexpr auto LIMIT = std::chrono::seconds(10);
-/// For an answer that must not come.
-constexpr auto SHORT_WAIT = std::chrono::milliseconds(250);
+using ZoneManagerDBusInterfaceTest = ZoneTest::PublishedService;
 
-/// Dispatches on the default context until the condition holds.
-[[nodiscard]] bool iterateUntil(const std::function<bool()>& condition)
-{
-    // Wakes a wait in which nothing happens.
-    const guint timer = g_timeout_add(
-        10, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
-    const auto end = Clock::now() + LIMIT;
-    bool holds = condition();
-    while (!holds && Clock::now() < end) {
-        g_main_context_iteration(nullptr, TRUE);
-        holds = condition();
-    }
-    g_source_remove(timer);
-    return holds;
-}
-
-/// A bus daemon of its own, which the program takes for the system bus. One for the whole program, because
-/// GLib shares one connection to the system bus.
-class Bus : public testing::Environment
-{
-public:
-    void SetUp() override
-    {
-        ZoneTest::requirePrivateRoot();
-        bus = g_test_dbus_new(G_TEST_DBUS_NONE);
-        g_test_dbus_up(bus);
-        address = g_test_dbus_get_bus_address(bus);
-        g_setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), TRUE);
-    }
-    void TearDown() override
-    {
-        stop();
-        g_object_unref(bus);
-    }
-    /// Ends the bus daemon.
-    static void stop() { g_test_dbus_stop(bus); }
-
-    /// A connection of a client's own.
-    static GBusConnectionPtr connect()
-    {
-        GErrorPtr error;
-        GBusConnectionPtr client(g_dbus_connection_new_for_address_sync(
-            address.c_str(),
-            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-            nullptr, nullptr, OutError(error)));
-        EXPECT_EQ(error, nullptr) << (error == nullptr ? "" : error->message);
-        return client;
-    }
-
-private:
-    static inline GTestDBus* bus = nullptr;
-    static inline std::string address;
-};
-
-[[maybe_unused]] testing::Environment* const BUS = testing::AddGlobalTestEnvironment(new Bus);
-
-/// How a call ended.
-struct Answer
-{
-    std::string text;  ///< the reply as GVariant prints it
-    std::string error; ///< the bus error's message
-};
-
-/// A published service, a manager without a monitor thread, and one zone of each kind. The daemon's side and
-/// the client's share the test's thread.
-class ZoneManagerDBusInterfaceTest : public testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        control.define("hybrid", ZUP::ZONE_TYPE_HYBRID);
-        control.define("isolation", ZUP::ZONE_TYPE_ISOLATION);
-        control.define("protection", ZUP::ZONE_TYPE_PROTECTION);
-        registry =
-            std::make_unique<RegistryFixture>(std::vector<std::string>{"hybrid", "isolation", "protection"});
-        manager = std::make_unique<ManagerFixture>();
-        manager->setMonitor(ZoneTest::runningMonitor());
-        client = Bus::connect();
-        log.clear();
-        ASSERT_TRUE(service.connectDBus());
-        ASSERT_TRUE(
-            iterateUntil([this] { return wrote("I Name(\"org.ornix.zoneframework\") is acquired"); }));
-        published = ownTexts(log);
-        log.clear();
-    }
-    void TearDown() override
-    {
-        service.disconnectDBus();
-        client.reset();
-        // What the bus still has to say about the name must not reach the next test.
-        while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
-        }
-        manager.reset();
-        registry.reset();
-    }
-
-    /// Whether a record of this text, or with this beginning, has been written.
-    [[nodiscard]] bool wrote(const std::string& text, bool beginningOnly = false) const
-    {
-        const auto texts = ownTexts(log);
-        return std::any_of(texts.begin(), texts.end(), [&](const std::string& record) {
-            return beginningOnly ? record.rfind(text, 0) == 0 : record == text;
-        });
-    }
-
-    /// Calls a method of the service and waits for the answer.
-    /// @param arguments a tuple in GVariant's text form
-    Answer call(const char* method, const std::string& arguments, const char* interface = INTERFACE_NAME,
-                std::chrono::milliseconds limit = LIMIT)
-    {
-        std::optional<Answer> answer;
-        start(method, arguments, interface, limit, answer);
-        EXPECT_TRUE(iterateUntil([&] { return answer.has_value(); })) << method;
-        return answer.value_or(Answer{});
-    }
-    std::string reply(const char* method, const std::string& arguments = "('hybrid',)")
-    {
-        log.clear();
-        const Answer answer = call(method, arguments);
-        EXPECT_EQ(answer.error, "");
-        return answer.text;
-    }
-    /// A call whose reply the bus library does not deliver, because the method declares another shape.
-    void expectUndelivered(const char* method, const std::string& arguments)
-    {
-        log.clear();
-        const Answer answer = call(method, arguments, INTERFACE_NAME, SHORT_WAIT);
-        EXPECT_EQ(answer.text, "");
-        EXPECT_THAT(answer.error, HasSubstr("Timeout"));
-        EXPECT_THAT(log.otherLines(), Contains(HasSubstr("Type of return value is incorrect")));
-    }
-    void start(const char* method, const std::string& arguments, const char* interface,
-               std::chrono::milliseconds limit, std::optional<Answer>& answer)
-    {
-        GErrorPtr error;
-        GVariant* parameters = g_variant_parse(nullptr, arguments.c_str(), nullptr, nullptr, OutError(error));
-        ASSERT_EQ(error, nullptr) << arguments << ": " << error->message;
-        g_dbus_connection_call(
-            client.get(), BUS_NAME, OBJECT_PATH, interface, method, parameters, nullptr,
-            G_DBUS_CALL_FLAGS_NONE, static_cast<int>(limit.count()), nullptr,
-            [](GObject* source, GAsyncResult* result, gpointer data) {
-                GErrorPtr failure;
-                const GVariantPtr value(
-                    g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, OutError(failure)));
-                auto* out = static_cast<std::optional<Answer>*>(data);
-                *out = Answer{};
-                if (value != nullptr) {
-                    const std::unique_ptr<gchar, FreeWith<g_free>> text(g_variant_print(value.get(), FALSE));
-                    (*out)->text = text.get();
-                }
-                if (failure != nullptr) {
-                    (*out)->error = failure->message;
-                }
-            },
-            &answer);
-    }
-
-    /// The lines of a request, behind those of the dispatch.
-    [[nodiscard]] std::vector<std::string> handlerTexts() const
-    {
-        auto texts = ownTexts(log);
-        EXPECT_GE(texts.size(), 2U);
-        EXPECT_THAT(texts[0], testing::StartsWith("I sender : "));
-        EXPECT_THAT(texts[1], testing::StartsWith("I method name type of "));
-        texts.erase(texts.begin(), texts.begin() + 2);
-        return texts;
-    }
-
-    LogCapture log;
-    FakeLxcControl control;
-    std::unique_ptr<RegistryFixture> registry;
-    std::unique_ptr<ManagerFixture> manager;
-    ZoneManagerDBusInterface service;
-    GBusConnectionPtr client;
-    std::vector<std::string> published; ///< what the service wrote until it had the name
-};
+constexpr auto CALL = G_DBUS_MESSAGE_TYPE_METHOD_CALL;
 
 /// An object whose interface declares a method "Other" and hands its calls to the dispatch, with nothing said
 /// about where they come from.
@@ -242,7 +56,8 @@ public:
         std::optional<std::string> message;
         g_dbus_connection_call(
             client.get(), g_dbus_connection_get_unique_name(server.get()), "/test", "test.Foreign", "Other",
-            nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, static_cast<int>(SHORT_WAIT.count()), nullptr,
+            nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, static_cast<int>(ZoneTest::BUS_SHORT_WAIT.count()),
+            nullptr,
             [](GObject* source, GAsyncResult* result, gpointer data) {
                 GError* error = nullptr;
                 const GVariantPtr value(
@@ -269,13 +84,6 @@ private:
     GBusConnectionPtr client;
     std::unique_ptr<GDBusNodeInfo, FreeWith<g_dbus_node_info_unref>> node;
 };
-
-std::string permissionLine(const std::string& zone)
-{
-    return "E [DBus] There is no access permission to protection zone(\"" + zone +
-           "\") - Operation is not permitted";
-}
-
 } // namespace
 
 // The method table.
@@ -309,6 +117,16 @@ TEST(ZoneDBusMethodTable, KnowsNoOtherName)
     log.clear();
     EXPECT_EQ(ZoneManagerDBusInterface::getMethodName(nullptr), METHOD_NONE);
     EXPECT_THAT(log.texts(), ElementsAre("E Invalid method name"));
+}
+
+TEST(ZoneDBusIntrospection, HasNothingButTabsBetweenItsElements)
+{
+    const std::string xml = INTROSPECTION_XML;
+    EXPECT_EQ(xml.find_first_of("\n\""), std::string::npos);
+    for (auto end = xml.find('>'); end + 1 < xml.size(); end = xml.find('>', end + 1)) {
+        const auto next = xml.find('<', end);
+        EXPECT_EQ(xml.find_first_not_of('\t', end + 1), next) << xml.substr(end, next - end);
+    }
 }
 
 // Callbacks without a bus.
@@ -355,7 +173,8 @@ TEST_F(ZoneManagerDBusInterfaceTest, ReportsAnObjectThatIsThereAlready)
     const auto tryIt = [this] {
         ZoneManagerDBusInterface second;
         const bool asked = second.connectDBus();
-        _exit(asked && iterateUntil([this] { return wrote("E Failed to register object- ", true); }) ? 0 : 1);
+        _exit(asked && iterateUntil([this] { return wroteBeginning("E Failed to register object- "); }) ? 0
+                                                                                                        : 1);
     };
     EXPECT_EXIT(tryIt(), testing::ExitedWithCode(0), "");
 }
@@ -378,6 +197,54 @@ TEST_F(ZoneManagerDBusInterfaceTest, GivesUpObjectAndName)
     EXPECT_THAT(call("GetVersion", "('hybrid',)").error,
                 HasSubstr("The name org.ornix.zoneframework was not provided"));
     EXPECT_FALSE(service.emitStateChangedSignal("hybrid", "RUNNING"));
+}
+
+TEST_F(ZoneManagerDBusInterfaceTest, AnswersNoCallThatWaitsWhileTheServiceGoes)
+{
+    std::atomic<int> arrived = 0;
+    GDBusConnection* shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    const GBusConnectionPtr owned(shared);
+    const guint filter = g_dbus_connection_add_filter(
+        shared,
+        [](GDBusConnection*, GDBusMessage* message, gboolean incoming, gpointer data) {
+            if (incoming != FALSE && g_dbus_message_get_message_type(message) == CALL) {
+                ++*static_cast<std::atomic<int>*>(data);
+            }
+            return message;
+        },
+        &arrived, nullptr);
+    std::optional<Answer> first;
+    std::optional<Answer> second;
+    start("ZoneStart", "('hybrid',)", first);
+    start("ZoneStart", "('hybrid',)", second);
+    // The first is on its way to the dispatch once the second has come.
+    ASSERT_TRUE(ZoneTest::eventually([&] { return arrived == 2; }));
+    service.disconnectDBus();
+    EXPECT_TRUE(iterateUntil([&] { return first.has_value() && second.has_value(); }));
+    EXPECT_EQ(first->text, "");
+    EXPECT_THAT(first->error, HasSubstr("UnknownMethod"));
+    EXPECT_THAT(second->error, HasSubstr("UnknownMethod"));
+    EXPECT_THAT(ownTexts(log), IsEmpty());
+    g_dbus_connection_remove_filter(shared, filter);
+}
+
+TEST_F(ZoneManagerDBusInterfaceTest, ServesOnTheContextOfTheThreadThatConnected)
+{
+    service.disconnectDBus();
+    const ZoneCore::GMainContextPtr context(g_main_context_new());
+    g_main_context_push_thread_default(context.get());
+    ZoneManagerDBusInterface other;
+    EXPECT_TRUE(other.connectDBus());
+    EXPECT_TRUE(iterateUntil([this] { return wrote("I Name(\"org.ornix.zoneframework\") is acquired"); },
+                             context.get()));
+    std::optional<Answer> answer;
+    start("ZoneGetPid", "('hybrid',)", answer);
+    EXPECT_TRUE(iterateUntil([&] { return answer.has_value(); }, context.get()));
+    EXPECT_EQ(answer->text, "(0,)");
+    other.disconnectDBus();
+    while (g_main_context_iteration(context.get(), FALSE) != FALSE) {
+    }
+    g_main_context_pop_thread_default(context.get());
 }
 
 TEST_F(ZoneManagerDBusInterfaceTest, DescribesThirteenMethodsAndASignalWithoutArguments)
@@ -448,6 +315,7 @@ TEST_F(ZoneManagerDBusInterfaceTest, BroadcastsAStateChange)
     seen.clear();
     EXPECT_TRUE(service.emitStateChangedSignal("\xff", "STOPPED"));
     EXPECT_TRUE(iterateUntil([&] { return !seen.empty(); }));
+    EXPECT_EQ(seen, "('\xEF\xBF\xBD', 'STOPPED')");
     g_dbus_connection_signal_unsubscribe(client.get(), id);
 }
 
@@ -471,20 +339,14 @@ TEST_F(ZoneManagerDBusInterfaceTest, LogsWhoCallsWhat)
 {
     EXPECT_EQ(reply("GetVersion"), "('4.0.28/4.0.12',)");
     EXPECT_THAT(ownTexts(log),
-                ElementsAre(std::string("I sender : ") + g_dbus_connection_get_unique_name(client.get()) +
-                                " / object path : /org/ornix/zoneframework / interface name : "
-                                "org.ornix.zoneframework.interface / method name : GetVersion",
-                            "I method name type of \"GetVersion\" is 0"));
+                ElementsAre("I " + callLine("GetVersion"), "I method name type of \"GetVersion\" is 0"));
 }
 
 TEST_F(ZoneManagerDBusInterfaceTest, RefusesProtectionZones)
 {
     for (const char* method : {"ZoneStart", "ZoneStop", "ZoneFreeze", "ZoneUnfreeze", "ZoneUnlock"}) {
         EXPECT_EQ(reply(method, "('protection',)"), "(false,)") << method;
-        EXPECT_THAT(handlerTexts(),
-                    ElementsAre(permissionLine("protection"),
-                                AllOf(testing::StartsWith("E sender : "),
-                                      testing::EndsWith(std::string("method name : ") + method))));
+        EXPECT_THAT(handlerTexts(), ElementsAre(permissionLine("protection"), "E " + callLine(method)));
     }
     EXPECT_EQ(reply("ZoneLock", "('protection', true)"), "(false,)");
     EXPECT_EQ(reply("ZoneAttach", "('protection', @as [], @as [], 0, 0)"), "(false,)");
@@ -500,7 +362,7 @@ TEST_F(ZoneManagerDBusInterfaceTest, RefusesUnknownZonesInTheSameWords)
     EXPECT_EQ(reply("ZoneStart", "('nobody',)"), "(false,)");
     EXPECT_THAT(handlerTexts(), ElementsAre("I There is no \"nobody\" object",
                                             "E Can not find zone object (zone name : nobody)",
-                                            permissionLine("nobody"), testing::StartsWith("E sender : ")));
+                                            permissionLine("nobody"), "E " + callLine("ZoneStart")));
     EXPECT_EQ(reply("ZoneGetState", "('nobody',)"), "(-1,)");
     EXPECT_EQ(reply("GetVersion", "('',)"), "('none',)");
 }
@@ -508,7 +370,9 @@ TEST_F(ZoneManagerDBusInterfaceTest, RefusesUnknownZonesInTheSameWords)
 TEST_F(ZoneManagerDBusInterfaceTest, RefusesInAShapeThatTheBusLibraryDoesNotDeliver)
 {
     expectUndelivered("ZoneAttachWait", "('nobody',)"); // "i" where "u" is declared
-    EXPECT_THAT(ownTexts(log), Contains(permissionLine("nobody")));
+    EXPECT_THAT(handlerTexts(), ElementsAre("I There is no \"nobody\" object",
+                                            "E Can not find zone object (zone name : nobody)",
+                                            permissionLine("nobody"), "E " + callLine("ZoneAttachWait")));
 }
 
 TEST_F(ZoneManagerDBusInterfaceTest, LeavesAnUnknownMethodUnanswered)
@@ -525,140 +389,4 @@ TEST_F(ZoneManagerDBusInterfaceTest, LeavesACallWithoutAServiceUnanswered)
     const ForeignObject object(nullptr);
     EXPECT_THAT(object.call(), HasSubstr("Timeout"));
     EXPECT_THAT(ownTexts(log), ElementsAre("E Invalid argument - ZoneManagerDBusInterface"));
-}
-
-// The methods.
-
-TEST_F(ZoneManagerDBusInterfaceTest, ListsTheDefinedContainersOfEveryKind)
-{
-    control.set("order", "protection\nhybrid\nisolation");
-    EXPECT_EQ(reply("GetZoneList", "()"), "(['protection', 'hybrid', 'isolation'],)");
-    EXPECT_THAT(handlerTexts(), IsEmpty());
-    control.set("order", "");
-    EXPECT_EQ(reply("GetZoneList", "()"), "([],)");
-    EXPECT_THAT(handlerTexts(), IsEmpty());
-}
-
-TEST_F(ZoneManagerDBusInterfaceTest, ListsNothingWithoutAPathOrAListing)
-{
-    control.set("list_fails");
-    EXPECT_EQ(reply("GetZoneList", "()"), "([],)");
-    EXPECT_THAT(handlerTexts(), ElementsAre("E Failed to find containers(-1)"));
-    control.remove("list_fails");
-    control.remove("lxcpath");
-    EXPECT_EQ(reply("GetZoneList", "()"), "([],)");
-    EXPECT_THAT(handlerTexts(), ElementsAre("E Failed to find containers(-1)"));
-}
-
-TEST_F(ZoneManagerDBusInterfaceTest, TellsTheStateOfAZone)
-{
-    control.set("containers/hybrid/state", "FROZEN");
-    EXPECT_EQ(reply("ZoneGetState"), "(7,)");
-    EXPECT_THAT(handlerTexts(), ElementsAre("I [DBus] ZoneGetState on zone 'hybrid'",
-                                            "I The state of zone is received - \"FROZEN\"",
-                                            "I ZoneContainerState instance is created",
-                                            "I ZoneContainerState instance is destroyed"));
-    control.set("containers/isolation/state", "RUNNING");
-    EXPECT_EQ(reply("ZoneGetState", "('isolation',)"), "(3,)");
-}
-
-TEST_F(ZoneManagerDBusInterfaceTest, TellsInitPids)
-{
-    control.set("containers/hybrid/init_pid", "4711");
-    EXPECT_EQ(reply("ZoneGetInitPid"), "(4711,)");
-    EXPECT_THAT(handlerTexts(), ElementsAre("I [DBus] ZoneGetInitPid on zone 'hybrid'"));
-    EXPECT_EQ(reply("ZoneGetPid"), "(0,)"); // a placeholder
-    EXPECT_THAT(handlerTexts(), IsEmpty());
-}
-
-TEST_F(ZoneManagerDBusInterfaceTest, AnswersAWaitInAShapeThatIsNotDelivered)
-{
-    expectUndelivered("ZoneAttachWait", "('hybrid',)");
-    EXPECT_THAT(handlerTexts(), ElementsAre("I [DBus] ZoneAttachWait on zone 'hybrid'"));
-}
-
-TEST_F(ZoneManagerDBusInterfaceTest, QueuesRequests)
-{
-    const std::vector<std::pair<const char*, int>> rows{
-        {"ZoneStart", 1}, {"ZoneStop", 2}, {"ZoneUnfreeze", 4}};
-    for (const auto& [method, event] : rows) {
-        EXPECT_EQ(reply(method), "(true,)") << method;
-        EXPECT_THAT(handlerTexts(),
-                    ElementsAre(std::string("I [DBus] ") + method + " on zone 'hybrid'",
-                                HasSubstr("the zone event is sent to hybrid"),
-                                "I zone event(" + std::to_string(event) + ") is sent (zone name : hybrid)"));
-    }
-}
-
-TEST_F(ZoneManagerDBusInterfaceTest, QueuesNothingWhileTheMonitorDoesNotRun)
-{
-    manager->setMonitor(new ZoneMonitor);
-    for (const char* method : {"ZoneStart", "ZoneStop", "ZoneUnfreeze"}) {
-        EXPECT_EQ(reply(method), "(false,)") << method;
-        EXPECT_THAT(handlerTexts(), ElementsAre(std::string("I [DBus] ") + method + " on zone 'hybrid'",
-                                                "E " + byThread("zone-manager") +
-                                                    "Monitor Thread is not running(target zone : hybrid)"));
-    }
-    EXPECT_EQ(reply("ZoneAttach", "('hybrid', @as [], @as [], 0, 0)"), "(false,)");
-    EXPECT_EQ(handlerTexts().back(),
-              "E " + byThread("zone-manager") + "Monitor Thread is not running(target zone : hybrid)");
-}
-
-TEST_F(ZoneManagerDBusInterfaceTest, OffersNoFreezeAndNoLock)
-{
-    EXPECT_EQ(reply("ZoneFreeze"), "(false,)");
-    EXPECT_THAT(handlerTexts(), ElementsAre("I [DBus] ZoneFreeze not implemanted"));
-    for (const char* arguments : {"('hybrid', true)", "('hybrid', false)"}) {
-        EXPECT_EQ(reply("ZoneLock", arguments), "(false,)");
-        EXPECT_THAT(handlerTexts(), ElementsAre("I [DBus] ZoneLock not implemanted"));
-    }
-    EXPECT_EQ(reply("ZoneUnlock"), "(false,)");
-    EXPECT_THAT(handlerTexts(), ElementsAre("I [DBus] ZoneUnlock not implemanted"));
-    EXPECT_THAT(control.calls(), Not(Contains(testing::StartsWith("freeze "))));
-}
-
-TEST_F(ZoneManagerDBusInterfaceTest, QueuesAnAttachRequest)
-{
-    EXPECT_EQ(reply("ZoneAttach", "('hybrid', ['ls', '-l'], ['A=1'], 10, 20)"), "(true,)");
-    EXPECT_THAT(handlerTexts(), ElementsAre("I [DBus] ZoneAttach zoneName[hybrid]", "I Vector element ls",
-                                            "I Vector element -l", "I Vector element A=1",
-                                            HasSubstr("the zone event is sent to hybrid"),
-                                            "I zone event(5) is sent (zone name : hybrid)"));
-    EXPECT_EQ(reply("ZoneAttach", "('hybrid', @as [], @as [], 0, 0)"), "(true,)");
-    EXPECT_THAT(handlerTexts(), ElementsAre("I [DBus] ZoneAttach zoneName[hybrid]",
-                                            HasSubstr("the zone event is sent to hybrid"),
-                                            "I zone event(5) is sent (zone name : hybrid)"));
-}
-
-TEST_F(ZoneManagerDBusInterfaceTest, ReportsRequestsThatAreNotDelivered)
-{
-    Zone* zone = (*registry)->getZone("hybrid");
-    zone->terminate();
-    ASSERT_TRUE(ZoneTest::eventually([&] { return !zone->isRunning(); }));
-    const std::vector<std::pair<const char*, const char*>> rows{
-        {"ZoneStart", "start"}, {"ZoneStop", "stop"}, {"ZoneUnfreeze", "unfreeze"}};
-    for (const auto& [method, word] : rows) {
-        EXPECT_EQ(reply(method), "(false,)") << method;
-        EXPECT_EQ(handlerTexts().back(),
-                  "E " + byThread("zone-manager") + "Failed to send " + word + " event for zone(hybrid)");
-    }
-    EXPECT_EQ(reply("ZoneAttach", "('hybrid', @as [], @as [], 0, 0)"), "(false,)");
-    EXPECT_EQ(handlerTexts().back(),
-              "E " + byThread("zone-manager") + "Failed to send attach event for zone(hybrid)");
-}
-
-TEST(ZoneDBusVector, CopiesTheStringsAndEndsWithNull)
-{
-    const LogCapture log;
-    const GVariantPtr value(g_variant_ref_sink(g_variant_new_parsed("['one', 'two']")));
-    std::vector<const char*> out;
-    ZoneManagerDBusInterface::g_variant_get_vector(value.get(), out);
-    EXPECT_THAT(log.texts(), ElementsAre("I Vector element one", "I Vector element two"));
-    ASSERT_EQ(out.size(), 3U);
-    EXPECT_STREQ(out[0], "one");
-    EXPECT_STREQ(out[1], "two");
-    EXPECT_EQ(out[2], nullptr);
-    for (const char* text : out) {
-        g_free(const_cast<char*>(text));
-    }
 }
