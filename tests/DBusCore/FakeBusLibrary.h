@@ -58,9 +58,10 @@ public:
         GDestroyNotify destroyUserData;
     } object{};
     GDBusConnection* connection = nullptr; ///< of the last call that names one
-    /// The attach request behind the last event that carried one: "UID GID PROGRAM [LINE...]".
+    const void* eventData = nullptr;       ///< of the last event
+
+    /// The last event's data, taken for an attach request: "UID GID PROGRAM [LINE...]".
     [[nodiscard]] std::string attachRequest() const;
-    const void* eventData = nullptr; ///< of the last event
 
     /// Writes a call of a replaced function to the log, and does what is to be done during it.
     void tell(const char* function, const std::string& arguments);
