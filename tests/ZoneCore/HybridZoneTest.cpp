@@ -15,6 +15,8 @@ struct Words
     static constexpr const char* WRITABLE_LABEL = "_";
     static constexpr const char* PATH_WORD = "rw path : ";
     static constexpr const char* AUTO_START = "Auto start is permitted for hybrid container...";
+    static constexpr bool ROOT_ENFORCED = false;
+    static constexpr bool WRITABLE_ENFORCED = false;
 };
 
 using HybridZoneTest = ZoneKindTest<Words>;

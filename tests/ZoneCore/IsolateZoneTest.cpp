@@ -16,6 +16,8 @@ struct Words
     static constexpr const char* WRITABLE_LABEL = "System";
     static constexpr const char* PATH_WORD = "rw path : ";
     static constexpr const char* AUTO_START = "Auto start is permitted for isolation container(\"alpha\")...";
+    static constexpr bool ROOT_ENFORCED = false;
+    static constexpr bool WRITABLE_ENFORCED = true;
 };
 
 using IsolateZoneTest = ZoneKindTest<Words>;

@@ -15,6 +15,8 @@ struct Words
     static constexpr const char* WRITABLE_LABEL = "!";
     static constexpr const char* PATH_WORD = "";
     static constexpr const char* AUTO_START = "Auto start is permitted for protection container...";
+    static constexpr bool ROOT_ENFORCED = true;
+    static constexpr bool WRITABLE_ENFORCED = true;
 };
 
 using ProtectZoneTest = ZoneKindTest<Words>;

@@ -20,6 +20,7 @@
 ///         static constexpr const char* READ_ONLY_LABEL, *WRITABLE_LABEL;
 ///         static constexpr const char* PATH_WORD;        before a writable path in some messages
 ///         static constexpr const char* AUTO_START;       the body of its permission
+///         static constexpr bool ROOT_ENFORCED, WRITABLE_ENFORCED; whether it sets these labels
 ///     };
 namespace ZoneTest {
 
@@ -56,6 +57,21 @@ protected:
     {
         return by("I", "RW path of " + word() + " Zone(RW) is created..." + inBrackets(path));
     }
+    /// What the kind writes about a root and a writable directory that carry the wanted label.
+    [[nodiscard]] static std::string rootLine(const std::string& path, const std::string& label)
+    {
+        return by("I", Words::ROOT_ENFORCED ? enforced("RO", path, label) : permitted("ro", path, label));
+    }
+    [[nodiscard]] static std::string writableLine(const std::string& path, const std::string& label)
+    {
+        return by("I", Words::WRITABLE_ENFORCED ? enforced("RW", path, label) : permitted("rw", path, label));
+    }
+    /// A directory that the kind cannot make, of three lines.
+    [[nodiscard]] static std::string notMadeLine(const std::string& path)
+    {
+        return by("E", "Failed to create RW path of " + word() + " Zone(RW)..." + inBrackets(path) +
+                           (Words::WRITABLE_ENFORCED ? "(ref count : 1)" : ""));
+    }
     [[nodiscard]] static std::string missingLine(const std::string& path)
     {
         return "D The contianer path(" + path + ") does not exist - \"No such file or directory\"";
@@ -65,6 +81,19 @@ protected:
     {
         std::filesystem::create_directories(path);
         setLabel(path, label);
+    }
+
+    [[nodiscard]] static std::string permitted(const std::string& access, const std::string& path,
+                                               const std::string& label)
+    {
+        return "\"alpha\" is " + word() + " Zone...It is permitted...[" + access + " path : " + path + " / " +
+               label + " - " + label + "](ref count : 1)";
+    }
+    [[nodiscard]] static std::string enforced(const std::string& access, const std::string& path,
+                                              const std::string& label)
+    {
+        return "Access Level of " + word() + " Zone(" + access + ") is permitted...[" + path + " / " + label +
+               " == " + label + "](ref count : 1)";
     }
 
     LogCapture log;
@@ -78,28 +107,28 @@ TYPED_TEST_SUITE_P(ZoneKindTest);
 
 TYPED_TEST_P(ZoneKindTest, LogsItsLifeWithItsType)
 {
-    const std::string type = std::to_string(TypeParam::TYPE);
+    const std::string id = std::to_string(ZoneCore::currentThreadId());
     this->zone.reset();
     this->log.clear();
     this->zone = std::make_unique<typename TypeParam::Zone>();
     EXPECT_EQ(this->zone->getZoneType(), TypeParam::TYPE);
-    EXPECT_EQ(this->log.texts().back(),
-              std::string("I ") + TypeParam::CLASS + " object is created...[type : " + type + "]");
+    EXPECT_THAT(this->log.texts(),
+                testing::ElementsAre("I Thread is created", "I Zone object is created",
+                                     std::string("I ") + TypeParam::CLASS + " object is created...[type : " +
+                                         std::to_string(TypeParam::TYPE) + "]"));
     ASSERT_TRUE(this->zone->initialize(false, KIND_THREAD));
+    this->zone->zoneName = KIND_ZONE;
+    this->zone->setZoneType(ZUP::ZONE_TYPE_NONE); // what it is told counts
     this->log.clear();
     this->zone.reset();
-    EXPECT_EQ(this->log.texts().front(),
-              std::string("I ") + TypeParam::CLASS + " zone is destroyed...[type : " + type +
-                  ", thread name : " + KIND_THREAD +
-                  ", thread id : " + std::to_string(ZoneCore::currentThreadId()) + "]");
-}
-
-TYPED_TEST_P(ZoneKindTest, RemembersItsType)
-{
-    this->zone->setZoneType(ZUP::ZONE_TYPE_NONE);
-    EXPECT_EQ(this->zone->getZoneType(), ZUP::ZONE_TYPE_NONE);
-    this->zone->setZoneType(TypeParam::TYPE);
-    EXPECT_EQ(this->zone->getZoneType(), TypeParam::TYPE);
+    const std::string atThreadId = "(thread name : " + std::string(KIND_THREAD) + ", thread id : " + id + ")";
+    EXPECT_THAT(this->log.texts(),
+                testing::ElementsAre(
+                    std::string("I ") + TypeParam::CLASS + " zone is destroyed...[type : 0, thread name : " +
+                        KIND_THREAD + ", thread id : " + id + "]",
+                    "I Container object is destroyed...", "I Zone object is destroyed(zone name : alpha)",
+                    "I release the event source from the main context" + atThreadId,
+                    "I Thread is destroyed" + atThreadId));
 }
 
 TYPED_TEST_P(ZoneKindTest, PermitsAutomaticStart)
@@ -115,21 +144,22 @@ TYPED_TEST_P(ZoneKindTest, PermitsAZoneWhoseDirectoriesCarryItsLabels)
     this->makeLabelled(this->writable + "/opt", "_");
     const ReadOnlyMount mounted(this->root); // nothing is written there
     EXPECT_TRUE(this->zone->checkZoneSmackLabel());
-    const auto texts = this->log.texts();
-    ASSERT_EQ(texts.size(), 6U); // one line for the root, two for each writable directory, the last one
-    EXPECT_THAT(texts[0], testing::HasSubstr(this->root + " / " + TypeParam::READ_ONLY_LABEL));
-    EXPECT_EQ(texts[1], this->createdLine(this->writable));
-    EXPECT_THAT(texts[2], testing::HasSubstr(this->writable + " / " + TypeParam::WRITABLE_LABEL));
-    EXPECT_EQ(texts[3], this->createdLine(this->writable + "/opt"));
-    EXPECT_THAT(texts[4], testing::HasSubstr(this->writable + "/opt / _ "));
-    EXPECT_EQ(texts[5], this->by("I", "\"alpha\" is " + this->word() + " Zone...It is permitted..."));
+    EXPECT_THAT(this->log.texts(),
+                testing::ElementsAre(
+                    this->rootLine(this->root, TypeParam::READ_ONLY_LABEL), this->createdLine(this->writable),
+                    this->writableLine(this->writable, TypeParam::WRITABLE_LABEL),
+                    this->createdLine(this->writable + "/opt"),
+                    this->writableLine(this->writable + "/opt", "_"),
+                    this->by("I", "\"alpha\" is " + this->word() + " Zone...It is permitted...")));
 }
 
 TYPED_TEST_P(ZoneKindTest, StopsAtAMissingRoot)
 {
     EXPECT_FALSE(this->zone->checkZoneSmackLabel());
     EXPECT_FALSE(std::filesystem::exists(this->writable));
-    EXPECT_THAT(this->log.texts(), testing::Not(testing::Contains(testing::HasSubstr("RW path"))));
+    const auto texts = this->log.texts();
+    ASSERT_FALSE(texts.empty());
+    EXPECT_THAT(texts.back(), testing::StartsWith(this->by("E", "There is no read-only path")));
 }
 
 TYPED_TEST_P(ZoneKindTest, StopsAtAWritableDirectoryThatCannotBeMade)
@@ -137,24 +167,34 @@ TYPED_TEST_P(ZoneKindTest, StopsAtAWritableDirectoryThatCannotBeMade)
     this->makeLabelled(this->root, TypeParam::READ_ONLY_LABEL);
     std::filesystem::remove_all("/opt" + std::string(BASE_PATH));
     EXPECT_FALSE(this->zone->checkZoneSmackLabel());
-    EXPECT_THAT(this->log.texts().back(),
-                testing::StartsWith(this->by("E", "Failed to create RW path of " + this->word() +
-                                                      " Zone(RW)..." + this->inBrackets(this->writable))));
+    EXPECT_THAT(this->log.texts(),
+                testing::ElementsAre(this->rootLine(this->root, TypeParam::READ_ONLY_LABEL),
+                                     this->missingLine(this->writable),
+                                     "E Failed to create the container path(" + this->writable +
+                                         ") - \"No such file or directory\"",
+                                     this->notMadeLine(this->writable)));
 }
 
 TYPED_TEST_P(ZoneKindTest, StopsAtAnOptDirectoryThatCannotBeMade)
 {
     this->makeLabelled(this->root, TypeParam::READ_ONLY_LABEL);
     this->makeLabelled(this->writable, TypeParam::WRITABLE_LABEL);
-    const ReadOnlyMount mounted(this->writable);
+    const ReadOnlyMount mounted(this->root);
+    const ReadOnlyMount alsoMounted(this->writable);
+    const std::string opt = this->writable + "/opt";
     EXPECT_FALSE(this->zone->checkZoneSmackLabel());
-    EXPECT_THAT(
-        this->log.texts().back(),
-        testing::StartsWith(this->by("E", "Failed to create RW path of " + this->word() + " Zone(RW)..." +
-                                              this->inBrackets(this->writable + "/opt"))));
+    EXPECT_THAT(this->log.texts(),
+                testing::ElementsAre(
+                    this->rootLine(this->root, TypeParam::READ_ONLY_LABEL),
+                    "D The contianer path(" + this->writable + ") does not exist - \"Read-only file system\"",
+                    "I The container path(" + this->writable + ") does exist",
+                    this->createdLine(this->writable),
+                    this->writableLine(this->writable, TypeParam::WRITABLE_LABEL), this->missingLine(opt),
+                    "E Failed to create the container path(" + opt + ") - \"Read-only file system\"",
+                    this->notMadeLine(opt)));
 }
 
-REGISTER_TYPED_TEST_SUITE_P(ZoneKindTest, LogsItsLifeWithItsType, RemembersItsType, PermitsAutomaticStart,
+REGISTER_TYPED_TEST_SUITE_P(ZoneKindTest, LogsItsLifeWithItsType, PermitsAutomaticStart,
                             PermitsAZoneWhoseDirectoriesCarryItsLabels, StopsAtAMissingRoot,
                             StopsAtAWritableDirectoryThatCannotBeMade, StopsAtAnOptDirectoryThatCannotBeMade);
 
