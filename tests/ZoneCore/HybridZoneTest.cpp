@@ -74,9 +74,14 @@ TEST_F(HybridZoneTest, PermitsAZoneOfAnyLabels)
     EXPECT_EQ(labelOf(root), "a");
     EXPECT_EQ(labelOf(writable), "b");
     EXPECT_EQ(labelOf(writable + "/opt"), "c");
-    EXPECT_THAT(log.texts(), testing::Contains(testing::HasSubstr("a - _]")));
-    EXPECT_THAT(log.texts(), testing::Contains(testing::HasSubstr("b - _]")));
-    EXPECT_THAT(log.texts(), testing::Contains(testing::HasSubstr("c - _]")));
+    const auto told = [&](const std::string& access, const std::string& path, const std::string& label) {
+        return by("I", "\"alpha\" is Hybrid Zone...It is permitted...[" + access + " path : " + path + " / " +
+                           label + " - _](ref count : 1)");
+    };
+    EXPECT_THAT(log.texts(),
+                testing::ElementsAre(told("ro", root, "a"), createdLine(writable), told("rw", writable, "b"),
+                                     createdLine(writable + "/opt"), told("rw", writable + "/opt", "c"),
+                                     by("I", "\"alpha\" is Hybrid Zone...It is permitted...")));
 }
 
 } // namespace ZoneTest

@@ -1,5 +1,10 @@
+// The kind that enforces everything. statvfs is replaced in this program, to let it fail.
 #include "ZoneCore/ProtectZone.h"
 #include "tests/ZoneCore/EnforcedWritableTests.h"
+
+#include <cerrno>
+#include <dlfcn.h>
+#include <sys/statvfs.h>
 
 namespace ZoneTest {
 
@@ -19,12 +24,27 @@ struct Words
     static constexpr bool WRITABLE_ENFORCED = true;
 };
 
-using ProtectZoneTest = ZoneKindTest<Words>;
+bool statusCannotBeRead = false;
+
+class ProtectZoneTest : public ZoneKindTest<Words>
+{
+protected:
+    ~ProtectZoneTest() override { statusCannotBeRead = false; }
+};
 
 /// The end of a message that counts the policy's users.
 constexpr const char* COUNTED = "(ref count : 1)";
 
 } // namespace
+
+extern "C" int statvfs(const char* path, struct statvfs* status)
+{
+    if (statusCannotBeRead) {
+        errno = EIO;
+        return -1;
+    }
+    return reinterpret_cast<decltype(&statvfs)>(dlsym(RTLD_NEXT, "statvfs"))(path, status);
+}
 
 INSTANTIATE_TYPED_TEST_SUITE_P(ProtectZone, ZoneKindTest, Words);
 INSTANTIATE_TYPED_TEST_SUITE_P(ProtectZone, EnforcedWritableTest, Words);
@@ -81,6 +101,23 @@ TEST_F(ProtectZoneTest, RefusesARootWithoutALabel)
             by("E", "Access Level of Protection Zone(RO) is not permitted...[" + root + " != !]" + COUNTED)));
 }
 
+TEST_F(ProtectZoneTest, RefusesARootOfAnUnknownFileSystem)
+{
+    makeLabelled(root, "_");
+    const ReadOnlyMount mounted(root);
+    statusCannotBeRead = true;
+    EXPECT_FALSE(zone->checkROZoneSmackLabel(root, "!"));
+    EXPECT_EQ(labelOf(root), "_");
+    EXPECT_THAT(log.texts(), testing::ElementsAre(by("E", "statvfs() is failed...")));
+}
+
+TEST_F(ProtectZoneTest, DoesNotAskForTheFileSystemOfARootWithTheWantedLabel)
+{
+    makeLabelled(root, "!");
+    statusCannotBeRead = true;
+    EXPECT_TRUE(zone->checkROZoneSmackLabel(root, "!"));
+}
+
 TEST_F(ProtectZoneTest, StopsAtARootThatIsRefused)
 {
     makeLabelled(root, "_");
@@ -88,6 +125,16 @@ TEST_F(ProtectZoneTest, StopsAtARootThatIsRefused)
     const ReadOnlyMount mounted(root);
     EXPECT_FALSE(zone->checkZoneSmackLabel());
     EXPECT_EQ(labelOf(writable), "_");
+    EXPECT_THAT(log.texts(), testing::ElementsAre(by("E", "This is RO directory(" + root + ")...")));
+}
+
+TEST_F(ProtectZoneTest, StopsAtAMissingRootWithItsLabel)
+{
+    EXPECT_FALSE(zone->checkZoneSmackLabel());
+    EXPECT_THAT(log.texts(),
+                testing::ElementsAre("E Failed to get smack label of \"" + root +
+                                         "\" - \"No such file or directory\"",
+                                     by("E", "There is no read-only path(" + root + ")...[ / !]" + COUNTED)));
 }
 
 } // namespace ZoneTest

@@ -66,7 +66,7 @@ protected:
     {
         return by("I", Words::WRITABLE_ENFORCED ? enforced("RW", path, label) : permitted("rw", path, label));
     }
-    /// A directory that the kind cannot make, of three lines.
+    /// What the kind writes about a writable directory that cannot be made.
     [[nodiscard]] static std::string notMadeLine(const std::string& path)
     {
         return by("E", "Failed to create RW path of " + word() + " Zone(RW)..." + inBrackets(path) +
