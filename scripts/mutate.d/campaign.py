@@ -248,10 +248,12 @@ class Campaign:
         return found
 
     def share(self):
-        """Of the mutants that count, in per cent; all when there is none."""
+        """Of the mutants that were tried and count, in per cent."""
         counts = self.counts()
         done = counts[CAUGHT] + counts[LIVING]
-        return 100.0 * counts[CAUGHT] / done if done else 100.0
+        if done == 0:
+            return 0.0 if counts["open"] else 100.0
+        return 100.0 * counts[CAUGHT] / done
 
     def report(self, project, threshold):
         lines = []
