@@ -16,7 +16,7 @@ DIRECTORY_VARIABLE = "ZONE_MUTATE_COUNTERS"
 
 
 class CoverageMap:
-    """What an earlier run found. A test that it does not know counts as one that runs every line."""
+    """What an earlier run found. A test that it has not seen counts as one that runs every line."""
 
     def __init__(self, path, project):
         stored = load_json(path, {"files": {}, "tests": {}})
@@ -39,7 +39,7 @@ class CoverageMap:
         function counts; what belongs to no function, or to a file that has changed since, is as wide as the
         file."""
         files = self._tests.get(test)
-        if not files:
+        if files is None:
             return True
         if not mutant.function or mutant.file not in self._same:
             return any(file in files for file in (mutant.file, *mutant.units))

@@ -9,6 +9,8 @@ from workshop import Failure, load_json
 
 SYSTEM = Path("tests/system")
 SYSTEM_JOBS = 12  # as many as tests/system/run-tests takes for itself
+# These read the sources instead of running them: they notice a changed text that no test has ever seen written.
+READERS = ("test_messages.py::test_the_catalogue_lists_the_messages_of_the_sources",)
 FIRST_BATCH = 24
 LEAST_PIECE = 16  # characters that a piece of a text must have to tell which test quotes it
 _LINKED = re.compile(r"^(\S+): \w+_(?:EXECUTABLE|SHARED_LIBRARY)_LINKER", re.MULTILINE)
@@ -76,7 +78,7 @@ class Suite:
         nodes = _NODE.findall(output)
         if status != 0 or not nodes:
             raise Failure(f"the system tests cannot be listed:\n{output}")
-        return nodes
+        return [node for node in nodes if node not in READERS]
 
     def _run_system(self, arguments, jobs, limit=None, extra=None):
         env = {"ZONE_BUILD_DIR": str(self.tree.build_directory), "ZONE_TEST_JOBS": str(jobs), **(extra or {})}
