@@ -259,8 +259,8 @@ class Campaign:
         lines = []
         for mutant, result in self.sample():
             if result is not None and result.status == LIVING:
-                lines += ["", f"living {mutant.ident} {mutant.file}:{mutant.line} {mutant.kind}: {mutant.change}"]
-                lines += diff_of(mutant, project)
+                place = f"{mutant.file}:{mutant.line} {mutant.kind}"
+                lines += ["", f"living {mutant.ident} {place}: {mutant.change}", *diff_of(mutant, project)]
         for mutant, result in self.sample():
             if result is not None and result.status == EQUIVALENT:
                 lines += ["", f"equivalent {mutant.ident} {mutant.file}:{mutant.line}: {mutant.change}"]

@@ -72,8 +72,8 @@ def make_map(path, tree, tell):
         own = counters / unit.name
         own.mkdir(parents=True)
         (own / "test").write_text(unit.name)
-        command = _sharing(tree.build_directory, unit.command)
-        tree.run(command, {**dict(unit.env), **variables(own, tree.build_directory)}, cwd=tree.build_directory)
+        build = tree.build_directory
+        tree.run(_sharing(build, unit.command), {**dict(unit.env), **variables(own, build)}, cwd=build)
     if suite.system:
         tell(f"system tests: {len(suite.system)}")
         plugins = str(Path(__file__).parent)
@@ -88,7 +88,8 @@ def make_map(path, tree, tell):
         lines = pool.map(functools.partial(_lines_of, tree), directories)
         tests = {(one / "test").read_text(): found for one, found in zip(directories, lines)}
     known = sorted({file for files in tests.values() for file in files})
-    save_json(path, {"files": {file: _digest_of(tree.path / file) for file in known}, "tests": tests})
+    digests = {file: _digest_of(tree.path / file) for file in known}
+    save_json(path, {"files": digests, "tests": tests})
     shutil.rmtree(counters)
     return len(tests)
 
@@ -110,13 +111,14 @@ def _sharing(directory, command):
 
 def _lines_of(tree, directory):
     """File -> lines that the counters in `directory` have run."""
-    counters = [path for path in directory.rglob("*.gcda") if path.relative_to(directory).parts[0] == "source"]
+    counters = list((directory / "source").rglob("*.gcda"))
     if not counters:
         return {}
     for path in counters:
         notes = (tree.build_directory / path.relative_to(directory)).with_suffix(".gcno")
         path.with_suffix(".gcno").symlink_to(notes)
-    status, output, _ = tree.run(["gcov", "--json-format", "--stdout", "--relative-only", "--source-prefix", tree.path, *counters])
+    form = ["--json-format", "--stdout", "--relative-only", "--source-prefix", tree.path]
+    status, output, _ = tree.run(["gcov", *form, *counters])
     if status != 0:
         raise Failure(f"gcov failed:\n{output}")
     found = {}

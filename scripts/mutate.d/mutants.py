@@ -77,9 +77,8 @@ def enumerate_mutants(tree, compile_commands):
             edit = (mutant.file, mutant.start, mutant.end, mutant.new)
             found.setdefault(edit, mutant)
             units[mutant.file].add(name)
-    return _named([
-        dataclasses.replace(mutant, units=tuple(sorted(units[mutant.file]))) for _, mutant in sorted(found.items())
-    ])
+    ordered = [mutant for _, mutant in sorted(found.items())]
+    return _named([dataclasses.replace(one, units=tuple(sorted(units[one.file]))) for one in ordered])
 
 
 def _named(mutants):
@@ -303,7 +302,8 @@ class _Unit:
 
     def _literal(self, cursor, file):
         tokens = file.between(*self._range(cursor))
-        return tokens[0] if len(tokens) == 1 and (tokens[0].literal or tokens[0].text in ("true", "false")) else None
+        written = len(tokens) == 1 and (tokens[0].literal or tokens[0].text in ("true", "false"))
+        return tokens[0] if written else None
 
     def _add_integer(self, cursor, children, file, place):
         token = self._literal(cursor, file)
@@ -374,9 +374,10 @@ class _Unit:
         if not part:
             return
         inside = (part[0].start, part[-1].end)
-        expressions = [child for child in children if inside == self._range(child) and child.kind.is_expression()]
-        if expressions:
-            self._negate(expressions[0], file, place)
+        for child in children:
+            if inside == self._range(child) and child.kind.is_expression():
+                self._negate(child, file, place)
+                return
 
     def _add_choice(self, cursor, children, file, place):
         self._negate(children[0], file, place)

@@ -9,7 +9,7 @@ from workshop import Failure, load_json
 
 SYSTEM = Path("tests/system")
 SYSTEM_JOBS = 12  # as many as tests/system/run-tests takes for itself
-# These read the sources instead of running them: they notice a changed text that no test has ever seen written.
+# These read the sources instead of running them: they notice texts that no test has ever seen written.
 READERS = ("test_messages.py::test_the_catalogue_lists_the_messages_of_the_sources",)
 FIRST_BATCH = 24
 LEAST_PIECE = 16  # characters that a piece of a text must have to tell which test quotes it

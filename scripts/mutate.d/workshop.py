@@ -111,7 +111,7 @@ class Project:
         if listing.returncode != 0:
             raise Failure(f"git cannot list the files of {path}: {listing.stderr.decode().strip()}")
         names = {os.fsdecode(name) for name in listing.stdout.split(b"\0") if name}
-        self.files = sorted(name for name in names if os.path.lexists(path / name) and not (path / name).is_dir())
+        self.files = sorted(name for name in names if (path / name).is_file() or (path / name).is_symlink())
 
     def digest(self, paths=()):
         """Of the texts that begin with these paths, or of all on which a mutant's fate depends."""

@@ -140,7 +140,8 @@ def test_names_a_mutant_alike_when_lines_are_added_above(tmp_path):
 
 
 def test_draws_the_same_sample_for_the_same_seed(tmp_path):
-    found = enumerated(tmp_path, "".join(f"int f{count}() {{ return {count + 2}; }}\n" for count in range(50)))
+    text = "".join(f"int f{count}() {{ return {count + 2}; }}\n" for count in range(50))
+    found = enumerated(tmp_path, text)
     assert mutants.shuffled(found, 7) == mutants.shuffled(list(reversed(found)), 7)
     assert mutants.shuffled(found, 7) != mutants.shuffled(found, 8)
 
@@ -159,9 +160,10 @@ def test_refuses_an_equivalent_without_a_reason(tmp_path):
 def test_leaves_out_tests_that_do_not_run_the_statement(tmp_path):
     mutant, = enumerated(tmp_path, "int f(int a)\n{\n    return -a;\n}\nint g() { return 'a'; }\n")[:1]
     project = type("Project", (), {"path": tmp_path})
-    digest = {"source/Sample.cpp": hashlib.sha256((tmp_path / "source/Sample.cpp").read_bytes()).hexdigest()}
-    tests = {"runs it": {"source/Sample.cpp": [4]}, "runs another": {"source/Sample.cpp": [6]}, "runs nothing": {}}
-    path = write(tmp_path / "map.json", json.dumps({"files": digest, "tests": tests}))
+    file = "source/Sample.cpp"
+    digests = {file: hashlib.sha256((tmp_path / file).read_bytes()).hexdigest()}
+    tests = {"runs it": {file: [4]}, "runs another": {file: [6]}, "runs nothing": {}}
+    path = write(tmp_path / "map.json", json.dumps({"files": digests, "tests": tests}))
     covered = {test for test in [*tests, "new"] if CoverageMap(path, project).covers(test, mutant)}
     assert covered == {"runs it", "new"}
 
@@ -334,7 +336,8 @@ def test_goes_on_where_it_was_stopped(project):
 
     _, output, errors = project.mutate("--sample", 4)
     assert "2 of 4 mutants caught" in output
-    assert len(re.findall(r"\| (caught|living)", errors)) == 3 and project.state().read_text().startswith(first)
+    assert len(re.findall(r"\| (caught|living)", errors)) == 3
+    assert project.state().read_text().startswith(first)
     assert "|" not in project.mutate("--sample", 4)[2]
 
 
@@ -353,7 +356,7 @@ def test_counts_reviewed_equivalents_neither_way(project):
     write(project.path / "scripts/mutate.d/equivalent.txt", entries)
     status, output, errors = project.mutate("--threshold", 60)
     assert status == 0 and "2 of 3 mutants caught: 66.7 %" in output and "1 equivalent" in output
-    assert re.search(r"^equivalent \w{8} source/Gauge.cpp:8: 5 -> 6\n    nobody asks for 5$", output, re.MULTILINE)
+    assert re.search(r"^equivalent \w{8} source/Gauge.cpp:8: 5 -> 6\n    nobody asks for 5$", output, re.M)
     assert "no longer there: source/Gauge.cpp: gone -> away" in errors
 
 
@@ -372,7 +375,8 @@ def test_refuses_to_go_on_when_the_unchanged_tree_fails(project):
 def test_asks_the_system_tests_about_what_the_unit_tests_let_live(project):
     write(project.path / "CMakeLists.txt", CMAKE + "add_executable(gauge-low source/main.cpp)\n"
           "target_link_libraries(gauge-low gauge)\n")  # fmt: skip
-    write(project.path / "source/main.cpp", "int isLow(int);\nint main(int count, char**) { return isLow(count); }\n")
+    write(project.path / "source/main.cpp", "int isLow(int);\nint main(int count, char**)\n"
+          "{ return isLow(count); }\n")  # fmt: skip
     run_tests = write(project.path / "tests/system/run-tests", "#!/bin/sh\nexec /usr/bin/python3 -m pytest "
                       "-p no:cacheprovider -n $ZONE_TEST_JOBS \"$@\"\n")  # fmt: skip
     run_tests.chmod(0o755)
