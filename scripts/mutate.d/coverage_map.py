@@ -67,15 +67,15 @@ def make_map(path, tree, tell):
         raise Failure(f"the coverage build failed:\n{output}")
     counters = tree.build_directory / "counters"
     shutil.rmtree(counters, ignore_errors=True)
-    for count, unit in enumerate(suite.units, 1):
-        tell(f"unit tests: {count} of {len(suite.units)}")
+    tell(f"running {len(suite.units)} unit tests")
+    for unit in suite.units:
         own = counters / unit.name
         own.mkdir(parents=True)
         (own / "test").write_text(unit.name)
         build = tree.build_directory
         tree.run(_sharing(build, unit.command), {**dict(unit.env), **variables(own, build)}, cwd=build)
     if suite.system:
-        tell(f"system tests: {len(suite.system)}")
+        tell(f"running {len(suite.system)} system tests")
         plugins = str(Path(__file__).parent)
         status, output = suite.run_system_with(
             "counters_plugin", {DIRECTORY_VARIABLE: str(counters), "PYTHONPATH": plugins}

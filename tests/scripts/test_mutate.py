@@ -26,10 +26,12 @@ pytestmark = pytest.mark.skipif(mutants.cindex is None, reason="needs scripts/se
 
 LOG = """
 void write(const char* format, ...);
-#define ZLOGI(...) write(__VA_ARGS__)
-#define ZLOGE(...) write(__VA_ARGS__)
+#define ZLOG(level, format, ...) write(level "%s" format "." __VA_OPT__(,) __VA_ARGS__)
+#define ZLOGI(...) ZLOG("I", __VA_ARGS__)
+#define ZLOGE(...) ZLOG("E", __VA_ARGS__)
 """
 DECLARATIONS = """
+#define TWICE(x) ((x) + (x))
 int first(int), second(int);
 struct Name { bool operator==(const Name&) const; int size() const; };
 """
@@ -87,6 +89,8 @@ def changes(tree, body):
     ("// 1 + 1\n/* if (yes) first(a); */ return a;", set()),
     ("static_assert(1 + 1 == 2); return a;", set()),
     ("return __LINE__;", set()),
+    ("return TWICE(a + 1);", set()),
+    ("return TWICE(a) + b;", {("operator", "+ -> -")}),
 ])  # fmt: skip
 def test_changes_what_means_something(tmp_path, body, expected):
     assert changes(tmp_path, body) == expected
@@ -133,9 +137,10 @@ def test_makes_one_edit(tmp_path):
 
 
 def test_names_a_mutant_alike_when_lines_are_added_above(tmp_path):
-    text = "int f(int a) { return a + 1; }\nint g(int a) { return a + 1; }\n"
+    line = "    return a + 1;\n"
+    text = f"int f(int a)\n{{\n{line}}}\nint g(int a)\n{{\n{line}}}\n"
     before = {mutant.ident for mutant in enumerated(tmp_path, text)}
-    assert len(before) == 4
+    assert len(before) == 4  # two of each line
     assert before == {mutant.ident for mutant in enumerated(tmp_path, f"// news\n\n{text}")}
 
 
