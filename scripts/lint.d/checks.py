@@ -133,7 +133,7 @@ class Checks:
                     if self.options.all or not path.is_relative_to(ROOT / "tests")}
         findings, looked_at = tidy.run(commands, step)
         rest = len(commands) - looked_at
-        return ([f"{name}:{line}: {text}" for name, line, text in sorted(findings)],
+        return (findings,
                 f"{len(commands)} sources" + ("" if self.options.all else " without the tests'")
                 + (f", {rest} unchanged" if rest else ""))
 
@@ -156,8 +156,7 @@ def run(checks, name, terminal):
             failed = False
         except (Failure, OSError) as error:
             findings, about, failed = [f"{name}: {error}"], "could not be made", True
-    for finding in findings:
-        terminal.line(finding)
+    step.tell(findings)
     if failed:
         verdict = terminal.colour(31, "failed")
     elif findings:

@@ -28,12 +28,14 @@ class Terminal:
 
 
 class Step:
-    """Times what runs inside it. What runs sets `done` and `total` when it can count."""
+    """Times what runs inside it. What runs sets `done` and `total` when it can count, and tells findings early
+    when it takes long."""
 
     def __init__(self, terminal, name):
         self.terminal = terminal
         self.name = name
         self.done = self.total = 0
+        self.told = set()
         self.began = time.monotonic()
         self.ended = threading.Event()
         self.thread = threading.Thread(target=self.show, daemon=True)
@@ -41,6 +43,12 @@ class Step:
     @property
     def seconds(self):
         return time.monotonic() - self.began
+
+    def tell(self, findings):
+        for finding in findings:
+            if finding not in self.told:
+                self.told.add(finding)
+                self.terminal.line(finding)
 
     def show(self):
         wait = PATIENCE

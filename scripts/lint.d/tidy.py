@@ -82,7 +82,7 @@ class Tidy:
         return digest.hexdigest()
 
     def check(self, path):
-        """Findings for one source as triples of name, line and text."""
+        """Findings for one source, in the order of their lines."""
         result = subprocess.run(["clang-tidy", "-p", self.database, "--quiet", path],
                                 capture_output=True, text=True, check=False)
         findings = set()
@@ -93,7 +93,7 @@ class Tidy:
         if result.returncode != 0 and not findings:
             name = path.relative_to(self.root).as_posix()
             findings.add((name, 1, f"clang-tidy failed: {(result.stderr or result.stdout).strip()}"))
-        return findings
+        return [f"{name}:{line}: {text}" for name, line, text in sorted(findings)]
 
     def run(self, commands, step):
         """Findings for all sources, given with their commands."""
@@ -102,17 +102,19 @@ class Tidy:
         work = sorted((path for path, key in keys.items() if not self.cache.knows(key)),
                       key=lambda path: -path.stat().st_size)
         step.total = len(work)
-        findings = set()
+        findings = []
         with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
             running = {pool.submit(self.check, path): path for path in work}
             try:
                 for future in concurrent.futures.as_completed(running):
                     step.done += 1
-                    findings |= future.result()
+                    step.tell(future.result())
+                    findings += future.result()
                     if not future.result():
                         self.cache.remember(keys[running[future]])
             except BaseException:
                 pool.shutdown(cancel_futures=True)
                 raise
         self.cache.trim()
-        return findings, len(work)
+        # What is in a header is found by each source that reads it.
+        return sorted(set(findings)), len(work)

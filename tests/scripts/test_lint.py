@@ -12,7 +12,7 @@ sys.path.insert(0, str(PROJECT / "scripts" / "lint.d"))
 
 import checks  # noqa: E402
 import tidy  # noqa: E402
-from progress import Terminal  # noqa: E402
+from progress import Step, Terminal  # noqa: E402
 from tree import Tree  # noqa: E402
 
 
@@ -97,14 +97,14 @@ class CountingTidy(tidy.Tidy):
 
     def check(self, path):
         self.looked_at.append(path.name)
-        return {(path.name, 1, "bad")} if b"bad" in path.read_bytes() else set()
+        return [f"{path.name}:1: bad"] if b"bad" in path.read_bytes() else []
 
 
 def look(tree, names):
     """What clang-tidy would look at in a further run, and what is found."""
     counting = CountingTidy(tree, tidy.Cache(tree / "cache"))
     findings, _ = counting.run({tree / name: f"c++ -I{tree}/include -c {name}" for name in names},
-                               types.SimpleNamespace(done=0, total=0))
+                               Step(Terminal(sys.stdout), "tidy"))
     return sorted(counting.looked_at), findings
 
 
@@ -114,18 +114,18 @@ def test_only_what_changed_is_looked_at_again(tree):
     write(tree, "include/one.h", '#include "two.h"\n')
     header = write(tree, "include/two.h", "int two;\n")
     names = ("a.cpp", "b.cpp")
-    assert look(tree, names) == (["a.cpp", "b.cpp"], set())
-    assert look(tree, names) == ([], set())
+    assert look(tree, names) == (["a.cpp", "b.cpp"], [])
+    assert look(tree, names) == ([], [])
     header.write_text("int changed;\n")
-    assert look(tree, names) == (["a.cpp"], set())
+    assert look(tree, names) == (["a.cpp"], [])
     write(tree, ".clang-tidy", "Checks: '*'\n")
-    assert look(tree, names) == (["a.cpp", "b.cpp"], set())
+    assert look(tree, names) == (["a.cpp", "b.cpp"], [])
 
 
 def test_what_was_bad_is_looked_at_again(tree):
     write(tree, "a.cpp", "bad\n")
     for _ in range(2):
-        assert look(tree, ("a.cpp",)) == (["a.cpp"], {("a.cpp", 1, "bad")})
+        assert look(tree, ("a.cpp",)) == (["a.cpp"], ["a.cpp:1: bad"])
 
 
 def test_findings_of_clang_tidy_are_read(tree, monkeypatch):
@@ -135,7 +135,7 @@ def test_findings_of_clang_tidy_are_read(tree, monkeypatch):
         stdout=output, stderr="", returncode=1))
     checked = tidy.Tidy.__new__(tidy.Tidy)
     checked.root, checked.database = tree, tree
-    assert checked.check(tree / "a.cpp") == {("a.h", 7, "it is wrong [bugprone-x]")}
+    assert checked.check(tree / "a.cpp") == ["a.h:7: it is wrong [bugprone-x]"]
 
 
 def test_the_tree_leaves_out_what_is_built(tree):
