@@ -28,7 +28,7 @@ class Terminal:
 
 
 class Step:
-    """Times what runs inside it. What runs sets `done` and `total` when it can count, and tells findings early
+    """Times what runs inside it, which sets `done` and `total` when it can count, and tells its findings early
     when it takes long."""
 
     def __init__(self, terminal, name):
