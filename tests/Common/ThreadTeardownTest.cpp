@@ -19,6 +19,7 @@ using ZoneCore::ThreadGate;
 using ZoneCore::ZoneEvent;
 using ZoneTest::anyEvent;
 using ZoneTest::countAndGoOn;
+using ZoneTest::endLoop;
 using ZoneTest::eventually;
 using ZoneTest::iterate;
 using ZoneTest::nameAndId;
@@ -34,6 +35,23 @@ namespace {
 
 using ThreadTeardown = ThreadFixture;
 
+/// A thread that is held up before its loop starts.
+class SlowToStart : public ThreadProbe
+{
+public:
+    explicit SlowToStart(const std::string& name) : ThreadProbe(name) { setWatchDog(true, 180, 20000); }
+
+    void* attachTimerSource(unsigned interval, int (*func)(void*), void* data, bool keep) override
+    {
+        started.count_down();
+        mayGoOn.wait();
+        return ThreadProbe::attachTimerSource(interval, func, data, keep);
+    }
+
+    std::latch started{1};
+    std::latch mayGoOn{1};
+};
+
 } // namespace
 
 // Gate
@@ -43,6 +61,18 @@ TEST_F(ThreadTeardown, TheGateClosesWhileTheLoopRests)
     RunningThread thread("zone");
     ASSERT_TRUE(eventually([&] { return thread.probe.closeGate(); }));
     EXPECT_TRUE(thread.probe.closeGate());
+}
+
+TEST_F(ThreadTeardown, TheGateStaysOpenUntilTheLoopStarts)
+{
+    SlowToStart thread("zone");
+    ASSERT_TRUE(thread.run());
+    thread.started.wait();
+    EXPECT_FALSE(thread.closeGate());
+    thread.mayGoOn.count_down();
+    EXPECT_TRUE(eventually([&] { return thread.isRunning(); }));
+    EXPECT_TRUE(eventually([&] { return thread.closeGate(); }));
+    endLoop(thread);
 }
 
 TEST_F(ThreadTeardown, TheGateStaysOpenWhileACallbackGoesOn)
