@@ -211,15 +211,16 @@ def test_the_order_of_the_end_of_a_start_without_a_zone(fake, daemon):
     tid = daemon.records[0].tid
     lines = [str(record) for record in daemon.records]
     failed = "error: Exception occurred : Failed to initialize the ZoneManager object"
+    at = f"(thread name : zone-manager, thread id : {tid})"
     assert lines[lines.index(failed) + 1 :] == [
-        f"info: Thread is not running(thread name : zone-manager, thread id : {tid})",
+        f"info: Thread is not running{at}",
         f"info: [zone-manager:{tid}] The mainloop of thread zone-manager is terminated",
         'info: The remained count of Zone Object in ZoneContext "0"',
         'info: The count of Zone Object is "0"',
         "info: ZoneContext object is destroyed",
         "info: zone manager instance is destroyed",
-        f"info: release the event source from the main context(thread name : zone-manager, thread id : {tid})",
-        f"info: Thread is destroyed(thread name : zone-manager, thread id : {tid})",
+        f"info: release the event source from the main context{at}",
+        f"info: Thread is destroyed{at}",
         "info: Release zone manager lock - /var/run/lxc/lock/zone-manager.lock",
         f"fatal: {LAST_LINE}",
     ]
