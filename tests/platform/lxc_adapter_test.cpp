@@ -80,6 +80,30 @@ private:
 
 } // namespace
 
+// As in the daemon, where the distribution's library finds the adapter's functions before its own. By this
+// name GoogleTest runs it first, while that library has not been loaded into this process yet.
+using LxcAdapterDeathTest = LxcAdapterTest;
+
+TEST_F(LxcAdapterDeathTest, AHandleThatComesByTwiceStillForwards)
+{
+    define("red", "zone.container_type = 2\n");
+    const auto result = runInChild({}, [&] {
+        load(copy(), RTLD_GLOBAL);
+        lxc_container** containers = nullptr;
+        if (function<decltype(list_defined_containers)>("list_defined_containers")(lxcPath.c_str(), nullptr,
+                                                                                   &containers) != 1) {
+            return 1;
+        }
+        lxc_container* red = containers[0];
+        char name[64] = "";
+        const bool answers = red->get_config_item(red, "lxc.container_type", nullptr, 0) == 2 &&
+                             red->get_config_item(red, "lxc.uts.name", name, sizeof(name)) == 3 &&
+                             std::strcmp(name, "red") == 0;
+        return answers ? 0 : 2;
+    });
+    EXPECT_EQ(result.exitStatus, 0) << result.signal << result.output;
+}
+
 TEST_F(LxcAdapterTest, ForwardsToTheDistributionsLibrary)
 {
     EXPECT_STREQ(function<decltype(lxc_get_version)>("lxc_get_version")(), LXC_VERSION);
@@ -191,27 +215,6 @@ TEST_F(LxcAdapterTest, AHandleWithoutAConfigurationFileHasNoKind)
 TEST_F(LxcAdapterTest, AContainerThatCannotBeHadIsNull)
 {
     EXPECT_EQ(function<decltype(lxc_container_new)>("lxc_container_new")(nullptr, lxcPath.c_str()), nullptr);
-}
-
-// As in the daemon, where the distribution's library finds the adapter's functions before its own.
-TEST_F(LxcAdapterTest, AHandleThatComesByTwiceStillForwards)
-{
-    define("red", "zone.container_type = 2\n");
-    const auto result = runInChild({}, [&] {
-        load(copy(), RTLD_GLOBAL);
-        lxc_container** containers = nullptr;
-        if (function<decltype(list_defined_containers)>("list_defined_containers")(lxcPath.c_str(), nullptr,
-                                                                                   &containers) != 1) {
-            return 1;
-        }
-        lxc_container* red = containers[0];
-        char name[64] = "";
-        const bool answers = red->get_config_item(red, "lxc.container_type", nullptr, 0) == 2 &&
-                             red->get_config_item(red, "lxc.uts.name", name, sizeof(name)) == 3 &&
-                             std::strcmp(name, "red") == 0;
-        return answers ? 0 : 2;
-    });
-    EXPECT_EQ(result.exitStatus, 0) << result.signal << result.output;
 }
 
 TEST_F(LxcAdapterTest, AnEmptyWishIsNone)
