@@ -18,6 +18,7 @@ PROJECT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(PROJECT / "scripts" / "mutate.d"))
 
 import mutants  # noqa: E402
+import workshop  # noqa: E402
 from campaign import State, read_equivalents  # noqa: E402
 from coverage_map import CoverageMap  # noqa: E402
 from workshop import Children, Failure, Interrupted  # noqa: E402
@@ -173,11 +174,14 @@ def test_leaves_out_tests_that_do_not_run_the_statement(tmp_path):
     assert covered == {"runs it", "new"}
 
 
-def test_ends_what_takes_too_long_with_all_its_children(tmp_path):
+@pytest.mark.parametrize("deafness", ["", "trap '' TERM; "])
+def test_ends_what_takes_too_long_with_all_its_children(tmp_path, monkeypatch, deafness):
+    monkeypatch.setattr(workshop, "GRACE", 0.2)
     marker = tmp_path / "pid"
-    status, _ = Children().run(["sh", "-c", f"sleep 100 & echo $! >{marker}; wait"], tmp_path, limit=1)
+    script = f"{deafness}sleep 100 & echo $! >{marker}; wait"
+    status, _ = Children().run(["sh", "-c", script], tmp_path, limit=1)
     assert status is None
-    assert not pathlib.Path(f"/proc/{marker.read_text().strip()}/exe").exists()
+    wait_for(lambda: not pathlib.Path(f"/proc/{marker.read_text().strip()}/exe").exists())
 
 
 def test_stops_what_runs(tmp_path):
@@ -198,7 +202,8 @@ def test_stops_what_runs(tmp_path):
     thread.join(20)
     assert [type(one) for one in outcome] == [Interrupted]
     with pytest.raises(Interrupted):
-        children.run(["true"], tmp_path)
+        children.run(["touch", tmp_path / "too late"], tmp_path)
+    assert not (tmp_path / "too late").exists()
 
 
 def test_takes_up_a_state_whose_last_line_is_torn(tmp_path):
