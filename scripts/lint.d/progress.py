@@ -28,8 +28,8 @@ class Terminal:
 
 
 class Step:
-    """Times what runs inside it, which sets `done` and `total` when it can count, and tells its findings early
-    when it takes long."""
+    """Times what runs inside it. What runs sets `done` and `total` when it can count, and may tell findings
+    before it ends."""
 
     def __init__(self, terminal, name):
         self.terminal = terminal

@@ -15,7 +15,6 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 using ZoneTest::atThread;
 using ZoneTest::byThread;
 using ZoneTest::createsNoEvent;

@@ -284,7 +284,7 @@ protected:
         }
         log.clear();
         EXPECT_EQ(monitor->drain(), 1);
-        const std::string answer = received(client);
+        std::string answer = received(client);
         EXPECT_TRUE(atEnd(client));
         return answer;
     }

@@ -110,7 +110,7 @@ int answer(const std::optional<std::string>& value, char* buffer, int size)
         return -1;
     }
     if (buffer != nullptr && size > 0) {
-        std::snprintf(buffer, static_cast<std::size_t>(size), "%s", value->c_str());
+        static_cast<void>(std::snprintf(buffer, static_cast<std::size_t>(size), "%s", value->c_str()));
     }
     return static_cast<int>(value->size());
 }
@@ -200,6 +200,7 @@ std::vector<std::string> definedNames(const ControlDirectory& control)
 template <typename T>
 T* newArray(std::size_t count)
 {
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): T may be a pointer, and its size is what is meant.
     auto* array = static_cast<T*>(std::malloc(count * sizeof(T)));
     if (array == nullptr) {
         throw std::bad_alloc();
@@ -346,8 +347,9 @@ int lxc_monitor_sock_name(const char* lxcpath, sockaddr_un* address)
     }
     const std::string path = lxcpath;
     std::array<char, 24> prefix{};
-    std::snprintf(prefix.data(), prefix.size(), "lxc/%016llx/",
-                  static_cast<unsigned long long>(hashOf("lxc/" + path + "/monitor-sock")));
+    static_cast<void>(
+        std::snprintf(prefix.data(), prefix.size(), "lxc/%016llx/",
+                      static_cast<unsigned long long>(hashOf("lxc/" + path + "/monitor-sock"))));
     std::string name = control.text("sock_name").value_or(prefix.data() + path);
     name.resize(std::min(name.size(), longestSocketName));
     *address = {};
