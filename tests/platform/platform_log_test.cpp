@@ -1,146 +1,28 @@
 #include "platform/log/platform_log.h"
 
-#include "tests/platform/test_process.h"
+#include "tests/platform/log_fixture.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
-#include <cstdint>
-#include <cstring>
-#include <endian.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <map>
 #include <optional>
-#include <sched.h>
 #include <sstream>
 #include <string>
-#include <string_view>
-#include <sys/mount.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
+using PlatformTest::JOURNAL_SOCKET;
+using PlatformTest::Receiver;
+using PlatformTest::recordText;
 using PlatformTest::runInChild;
-
-namespace {
-
-// As the daemon's macros call it.
-#define LOG_RECORD(priority, line, body, ...)                                                                \
-    platform_log_write(PLATFORM_LOG_BUFFER_MAIN, priority, "ZONE_MANAGER",                                   \
-                       "%s: %s(%d) > \x1b[%s;%s;%sm[%s:%d] " body "\x1b[0m", "File.cpp", "method", line,     \
-                       "01", "32", "40", "void Class::method()", line __VA_OPT__(, ) __VA_ARGS__)
-
-constexpr char JOURNAL_SOCKET[] = "/run/systemd/journal/socket";
-constexpr char SYSLOG_SOCKET[] = "/dev/log";
-
-std::string recordText(int line, const std::string& body)
-{
-    const std::string number = std::to_string(line);
-    return "File.cpp: method(" + number + ") > \x1b[01;32;40m[void Class::method():" + number + "] " + body +
-           "\x1b[0m";
-}
-
-std::map<std::string, std::string> target(const std::string& name, const std::string& level = "")
-{
-    return {{"ZONE_LOG_TARGET", name}, {"ZONE_LOG_LEVEL", level}};
-}
-
-/// For children: gives the process a /run and a /dev of its own, so that the sockets at the log's fixed paths
-/// are the test's and never the machine's.
-bool usePrivateRunAndDev()
-{
-    return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("tmpfs", "/run", "tmpfs", 0, nullptr) == 0 &&
-           mount("tmpfs", "/dev", "tmpfs", 0, nullptr) == 0 &&
-           mknod("/dev/null", S_IFCHR | 0666, makedev(1, 3)) == 0 && mkdir("/run/systemd", 0755) == 0 &&
-           mkdir("/run/systemd/journal", 0755) == 0;
-}
-
-/// A log daemon's end of a datagram socket.
-class Receiver
-{
-public:
-    explicit Receiver(const char* path) : descriptor_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
-    {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path, sizeof(address.sun_path) - 1);
-        unlink(path);
-        bound_ = bind(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
-    }
-    Receiver(const Receiver&) = delete;
-    Receiver& operator=(const Receiver&) = delete;
-    ~Receiver() { close(descriptor_); }
-
-    [[nodiscard]] bool bound() const { return bound_; }
-
-    /// The next datagram, nothing when none has come.
-    [[nodiscard]] std::optional<std::string> next() const
-    {
-        std::string data(65536, '\0');
-        const ssize_t length = recv(descriptor_, data.data(), data.size(), MSG_DONTWAIT);
-        if (length < 0) {
-            return std::nullopt;
-        }
-        data.resize(static_cast<std::size_t>(length));
-        return data;
-    }
-
-private:
-    int descriptor_;
-    bool bound_ = false;
-};
-
-/// Takes a datagram of the journal's protocol apart; an empty map for one that breaks it.
-std::map<std::string, std::string> journalFields(const std::string& datagram)
-{
-    std::map<std::string, std::string> fields;
-    std::size_t position = 0;
-    while (position < datagram.size()) {
-        const auto lineEnd = datagram.find('\n', position);
-        if (lineEnd == std::string::npos) {
-            return {};
-        }
-        const std::string line = datagram.substr(position, lineEnd - position);
-        position = lineEnd + 1;
-        if (const auto equals = line.find('='); equals != std::string::npos) {
-            fields[line.substr(0, equals)] = line.substr(equals + 1);
-            continue;
-        }
-        std::uint64_t length = 0;
-        if (datagram.size() - position < sizeof(length)) {
-            return {};
-        }
-        std::memcpy(&length, datagram.data() + position, sizeof(length));
-        length = le64toh(length);
-        position += sizeof(length);
-        if (position + length >= datagram.size() || datagram[position + length] != '\n') {
-            return {};
-        }
-        fields[line] = datagram.substr(position, length);
-        position += length + 1;
-    }
-    return fields;
-}
-
-/// Fails a child with a text, for the parent's report.
-#define CHILD_CHECK(condition)                                                                               \
-    do {                                                                                                     \
-        if (!(condition)) {                                                                                  \
-            dprintf(STDOUT_FILENO, "line %d: %s\n", __LINE__, #condition);                                   \
-            return 1;                                                                                        \
-        }                                                                                                    \
-    } while (false)
-
-} // namespace
+using PlatformTest::target;
+using PlatformTest::usePrivateRunAndDev;
 
 TEST(PlatformLogConsole, WritesOneLineWithLetterTagAndIds)
 {
@@ -383,169 +265,6 @@ TEST(PlatformLog, TheDefaultIsTheJournalWhereItsSocketIsElseTheConsole)
         EXPECT_EQ(result.exitStatus, 0) << result.output;
         EXPECT_EQ(result.output.empty(), journal) << result.output;
     }
-}
-
-TEST(PlatformLogJournal, SendsTheFieldsOfARecord)
-{
-    const auto result = runInChild(target("journal"), [] {
-        CHILD_CHECK(usePrivateRunAndDev());
-        const Receiver receiver(JOURNAL_SOCKET);
-        CHILD_CHECK(receiver.bound());
-        const std::map<platform_log_priority, std::string> priorities{{PLATFORM_LOG_DEBUG, "7"},
-                                                                      {PLATFORM_LOG_INFO, "6"},
-                                                                      {PLATFORM_LOG_WARNING, "4"},
-                                                                      {PLATFORM_LOG_ERROR, "3"},
-                                                                      {PLATFORM_LOG_FATAL, "2"}};
-        for (const auto& [priority, number] : priorities) {
-            CHILD_CHECK(LOG_RECORD(priority, 42, "two\nlines %s", "=") == 0);
-            auto fields = journalFields(receiver.next().value_or(""));
-            CHILD_CHECK(fields.size() == 7);
-            CHILD_CHECK(fields["PRIORITY"] == number);
-            CHILD_CHECK(fields["SYSLOG_IDENTIFIER"] == "ZONE_MANAGER");
-            CHILD_CHECK(fields["CODE_FILE"] == "File.cpp");
-            CHILD_CHECK(fields["CODE_LINE"] == "42");
-            CHILD_CHECK(fields["CODE_FUNC"] == "method");
-            CHILD_CHECK(fields["TID"] == std::to_string(gettid()));
-            CHILD_CHECK(fields["MESSAGE"] == recordText(42, "two\nlines ="));
-        }
-        CHILD_CHECK(!receiver.next());
-        return 0;
-    });
-    EXPECT_EQ(result.exitStatus, 0) << result.output;
-}
-
-TEST(PlatformLogJournal, ARecordWithoutAnOriginHasNoCodeFields)
-{
-    const auto result = runInChild(target("journal"), [] {
-        CHILD_CHECK(usePrivateRunAndDev());
-        const Receiver receiver(JOURNAL_SOCKET);
-        CHILD_CHECK(platform_log_write(PLATFORM_LOG_BUFFER_MAIN, PLATFORM_LOG_INFO, "TAG", "%s plain", "a") ==
-                    0);
-        auto fields = journalFields(receiver.next().value_or(""));
-        CHILD_CHECK(fields.size() == 4);
-        CHILD_CHECK(fields["MESSAGE"] == "a plain");
-        return 0;
-    });
-    EXPECT_EQ(result.exitStatus, 0) << result.output;
-}
-
-TEST(PlatformLogJournal, ALongRecordIsCutAndStaysWellFormed)
-{
-    const auto result = runInChild(target("journal"), [] {
-        CHILD_CHECK(usePrivateRunAndDev());
-        const Receiver receiver(JOURNAL_SOCKET);
-        CHILD_CHECK(LOG_RECORD(PLATFORM_LOG_INFO, 1, "%s", std::string(100000, 'x').c_str()) == 0);
-        auto fields = journalFields(receiver.next().value_or(""));
-        CHILD_CHECK(fields.size() == 7);
-        CHILD_CHECK(fields["MESSAGE"].ends_with("xxx\x1b[0m"));
-        CHILD_CHECK(fields["MESSAGE"].size() > 16000);
-        return 0;
-    });
-    EXPECT_EQ(result.exitStatus, 0) << result.output;
-}
-
-TEST(PlatformLogJournal, AFullQueueLosesRecordsAndTheirNumberIsReported)
-{
-    const auto result = runInChild(target("journal"), [] {
-        CHILD_CHECK(usePrivateRunAndDev());
-        const Receiver receiver(JOURNAL_SOCKET);
-        int taken = 0;
-        while (taken < 100000 && LOG_RECORD(PLATFORM_LOG_INFO, 1, "x") == 0) {
-            ++taken;
-        }
-        CHILD_CHECK(taken < 100000);
-        CHILD_CHECK(LOG_RECORD(PLATFORM_LOG_INFO, 1, "x") == -1);
-        CHILD_CHECK(LOG_RECORD(PLATFORM_LOG_INFO, 1, "x") == -1);
-        for (int index = 0; index < taken; ++index) {
-            CHILD_CHECK(receiver.next().has_value());
-        }
-        CHILD_CHECK(!receiver.next());
-        CHILD_CHECK(LOG_RECORD(PLATFORM_LOG_INFO, 1, "through") == 0);
-        CHILD_CHECK(journalFields(receiver.next().value_or(""))["MESSAGE"] == recordText(1, "through"));
-        auto report = journalFields(receiver.next().value_or(""));
-        CHILD_CHECK(report["MESSAGE"] == "3 log records were lost");
-        CHILD_CHECK(report["PRIORITY"] == "4");
-        CHILD_CHECK(LOG_RECORD(PLATFORM_LOG_INFO, 1, "after") == 0);
-        CHILD_CHECK(receiver.next().has_value());
-        CHILD_CHECK(!receiver.next());
-        return 0;
-    });
-    EXPECT_EQ(result.exitStatus, 0) << result.output;
-}
-
-TEST(PlatformLogJournal, ARestartedJournalGetsTheNextRecord)
-{
-    const auto result = runInChild(target("journal"), [] {
-        CHILD_CHECK(usePrivateRunAndDev());
-        CHILD_CHECK(LOG_RECORD(PLATFORM_LOG_INFO, 1, "no socket yet") == -1);
-        {
-            const Receiver first(JOURNAL_SOCKET);
-            CHILD_CHECK(LOG_RECORD(PLATFORM_LOG_INFO, 1, "x") == 0);
-            CHILD_CHECK(first.next().has_value());
-            CHILD_CHECK(journalFields(first.next().value_or(""))["MESSAGE"] == "1 log records were lost");
-        }
-        CHILD_CHECK(LOG_RECORD(PLATFORM_LOG_INFO, 1, "nobody listens") == -1);
-        const Receiver second(JOURNAL_SOCKET);
-        CHILD_CHECK(LOG_RECORD(PLATFORM_LOG_INFO, 1, "x") == 0);
-        CHILD_CHECK(second.next().has_value());
-        CHILD_CHECK(journalFields(second.next().value_or(""))["MESSAGE"] == "1 log records were lost");
-        return 0;
-    });
-    EXPECT_EQ(result.exitStatus, 0) << result.output;
-}
-
-TEST(PlatformLogJournal, TheSocketIsCloseOnExecAndAboveTheStandardDescriptors)
-{
-    for (const bool standardInputClosed : {false, true}) {
-        const auto result = runInChild(target("journal"), [&] {
-            CHILD_CHECK(usePrivateRunAndDev());
-            const Receiver receiver(JOURNAL_SOCKET);
-            const int lowestFree = dup(STDOUT_FILENO);
-            close(lowestFree);
-            if (standardInputClosed) {
-                close(STDIN_FILENO);
-            }
-            CHILD_CHECK(LOG_RECORD(PLATFORM_LOG_INFO, 1, "x") == 0);
-            CHILD_CHECK((fcntl(STDIN_FILENO, F_GETFD) == -1) == standardInputClosed);
-            CHILD_CHECK(fcntl(lowestFree, F_GETFD) == FD_CLOEXEC);
-            return 0;
-        });
-        EXPECT_EQ(result.exitStatus, 0) << result.output;
-    }
-}
-
-TEST(PlatformLogJournal, WithoutADescriptorEveryRecordIsLost)
-{
-    const auto result = runInChild(target("journal"), [] {
-        CHILD_CHECK(usePrivateRunAndDev());
-        const Receiver receiver(JOURNAL_SOCKET);
-        rlimit limit{};
-        CHILD_CHECK(getrlimit(RLIMIT_NOFILE, &limit) == 0);
-        const rlimit none{0, limit.rlim_max};
-        CHILD_CHECK(setrlimit(RLIMIT_NOFILE, &none) == 0);
-        CHILD_CHECK(LOG_RECORD(PLATFORM_LOG_INFO, 1, "x") == -1);
-        CHILD_CHECK(setrlimit(RLIMIT_NOFILE, &limit) == 0);
-        CHILD_CHECK(LOG_RECORD(PLATFORM_LOG_INFO, 2, "x") == -1);
-        CHILD_CHECK(!receiver.next());
-        return 0;
-    });
-    EXPECT_EQ(result.exitStatus, 0) << result.output;
-}
-
-TEST(PlatformLogSyslog, SendsFacilityDaemonLevelAndIdent)
-{
-    const auto result = runInChild(target("syslog"), [] {
-        CHILD_CHECK(usePrivateRunAndDev());
-        const Receiver receiver(SYSLOG_SOCKET);
-        CHILD_CHECK(receiver.bound());
-        CHILD_CHECK(LOG_RECORD(PLATFORM_LOG_INFO, 1, "i") == 0);
-        CHILD_CHECK(receiver.next() == "<30>ZONE_MANAGER: " + recordText(1, "i"));
-        CHILD_CHECK(LOG_RECORD(PLATFORM_LOG_FATAL, 1, "f") == 0);
-        CHILD_CHECK(receiver.next() == "<26>ZONE_MANAGER: " + recordText(1, "f"));
-        CHILD_CHECK(!receiver.next());
-        return 0;
-    });
-    EXPECT_EQ(result.exitStatus, 0) << result.output;
 }
 
 namespace {
