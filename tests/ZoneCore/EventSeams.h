@@ -1,7 +1,7 @@
 #pragma once
 
 #include "Common/Thread.h"
-#include "tests/support/unit/Failure.h"
+#include "tests/support/unit/Seam.h"
 
 #include <glib.h>
 #include <gmock/gmock.h>
@@ -60,5 +60,5 @@ ZoneCore::ZoneEvent* createZoneEvent(ZoneCore::ZoneEventType type, const ZoneCor
 extern "C" void g_async_queue_push_unlocked(GAsyncQueue* queue, gpointer data)
 {
     ZoneTest::QueuedEvents::keep(*static_cast<ZoneCore::ZoneEvent*>(data));
-    ZoneTest::Failure::genuine(&g_async_queue_push_unlocked, "g_async_queue_push_unlocked")(queue, data);
+    ZoneTest::genuine(&g_async_queue_push_unlocked, "g_async_queue_push_unlocked")(queue, data);
 }

@@ -38,7 +38,7 @@ thread_local bool everyLoopRuns = false;
 
 extern "C" gboolean g_main_loop_is_running(GMainLoop* loop)
 {
-    return everyLoopRuns || Failure::genuine(&g_main_loop_is_running, "g_main_loop_is_running")(loop);
+    return everyLoopRuns || ZoneTest::genuine(&g_main_loop_is_running, "g_main_loop_is_running")(loop);
 }
 
 namespace {

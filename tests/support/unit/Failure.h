@@ -1,6 +1,7 @@
 #pragma once
 
-#include <dlfcn.h>
+#include "tests/support/unit/Seam.h"
+
 #include <string_view>
 
 namespace ZoneTest {
@@ -24,13 +25,6 @@ public:
     /// Whether this call of a function has to fail.
     [[nodiscard]] static bool isDue(std::string_view name) { return name == function && left-- <= 0; }
 
-    /// The library's function that the given one has replaced.
-    template <typename Function>
-    [[nodiscard]] static Function genuine(Function /*replacement*/, const char* name)
-    {
-        return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-    }
-
 private:
     static inline thread_local std::string_view function{};
     static inline thread_local int left = 0;
@@ -46,5 +40,5 @@ private:
         if (ZoneTest::Failure::isDue(#function)) {                                                           \
             return {};                                                                                       \
         }                                                                                                    \
-        return ZoneTest::Failure::genuine(&function, #function) arguments;                                   \
+        return ZoneTest::genuine(&function, #function) arguments;                                            \
     }

@@ -1,6 +1,7 @@
 #pragma once
 
-#include <dlfcn.h>
+#include "tests/support/unit/Seam.h"
+
 #include <pthread.h>
 #include <utility>
 
@@ -15,9 +16,8 @@ inline thread_local int (*atNextLock)() = nullptr;
 // Takes the place of the C library's in programs that include this.
 extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept
 {
-    static const auto genuine =
-        reinterpret_cast<int (*)(pthread_mutex_t*)>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
+    static const auto lock = ZoneTest::genuine(&pthread_mutex_lock, "pthread_mutex_lock");
     auto* hook = std::exchange(ZoneTest::atNextLock, nullptr);
     const int error = hook == nullptr ? 0 : hook();
-    return error == 0 ? genuine(mutex) : error;
+    return error == 0 ? lock(mutex) : error;
 }
