@@ -316,6 +316,12 @@ def test_lists_the_sample_and_tries_nothing(project):
     assert not list((project.path / "build/mutation").glob("state-*"))
 
 
+def test_reports_what_is_open_and_tries_nothing(project):
+    status, output, _ = project.mutate("--report", "--threshold", 1)
+    assert status == 1 and "0 of 0 mutants caught" in output and "4 still open" in output
+    assert not list((project.path / "build/mutation").glob("state-*"))
+
+
 def test_tells_which_mutants_live(project, tmp_path):
     report = tmp_path / "report.json"
     status, output, _ = project.mutate("--json", report)
