@@ -330,6 +330,20 @@ TEST_F(ZoneMonitorTest, KeepsASubscriberThatOnlyListens)
     EXPECT_THAT(ownTexts(log), Contains(line("I", "Current client connection count[count : 0]")));
 }
 
+TEST_F(ZoneMonitorTest, KeepsItsWatcherOfASubscriberThatCannotBeWatchedForItsHangUpAlone)
+{
+    UniqueFd client = subscribe();
+    ASSERT_EQ(shutdown(client.get(), SHUT_WR), 0);
+    calls.fail("g_io_create_watch(");
+    EXPECT_TRUE(g_main_context_iteration(monitor->context(), FALSE));
+    EXPECT_THAT(ownTexts(log),
+                ElementsAre(said("I", "client IO event is received[fd : %d, count : 1]", subscriberFd),
+                            by("E", "Failed to create gsource for io watch - /zone-test")));
+    client.reset();
+    EXPECT_EQ(monitor->drain(), 1);
+    EXPECT_THAT(ownTexts(log), Contains(by("I", "Current client connection count[count : 0]")));
+}
+
 // Init-pid queries.
 
 TEST_F(ZoneMonitorTest, TellsTheInitPidOfAnIsolationZone)

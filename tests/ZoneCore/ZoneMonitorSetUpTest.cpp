@@ -31,6 +31,8 @@ using ZoneTest::said;
 
 namespace {
 
+const std::string UNLINKED = std::string("D unlink(") + FIFO + ")";
+
 /// A process that holds the lock of a FIFO, as long as the object lives.
 class LockHolder
 {
@@ -119,11 +121,10 @@ protected:
             const auto steps = undone(fd);
             start.insert(start.end(), steps.begin(), steps.end());
         }
-        start.push_back(std::string("D unlink(") + FIFO + ")");
+        start.push_back(UNLINKED);
         return start;
     }
 
-    const std::string unlinked = std::string("D unlink(") + FIFO + ")";
     std::size_t before = 0; ///< open descriptors
 };
 
@@ -222,7 +223,7 @@ TEST_F(ZoneMonitorSetUpFailure, NeedsALabelOfTheDirectory)
                 ElementsAre("E Failed to get smack label of \"/run/lxc\"(\"!\") - \"No data available\"",
                             by("E", std::string("Failed to set container access label - /zone-test / ") +
                                         FIFO + "(ref count : 1)"),
-                            unlinked));
+                            UNLINKED));
     EXPECT_FALSE(fs::exists(FIFO));
 }
 
@@ -232,7 +233,7 @@ TEST_F(ZoneMonitorSetUpFailure, NeedsAFifoThatOpens)
     EXPECT_THAT(failure(),
                 ElementsAre(by("E", std::string("Failed to open the monitor fifo - /zone-test / ") + FIFO +
                                         "(ref count : 1)"),
-                            unlinked));
+                            UNLINKED));
     EXPECT_FALSE(fs::exists(FIFO));
 }
 
@@ -245,7 +246,7 @@ TEST_F(ZoneMonitorSetUpFailure, NeedsTheLockOfTheFifo)
     const int fifo = fifoDescriptor();
     EXPECT_THAT(texts,
                 ElementsAre(said("E", "Failed to set flock for monitor fifo - /zone-test / [%d]", fifo),
-                            unlinked, called("close", fifo)));
+                            UNLINKED, called("close", fifo)));
     EXPECT_FALSE(fs::exists(FIFO));
 }
 
@@ -256,7 +257,7 @@ TEST_F(ZoneMonitorSetUpFailure, NeedsAChannelOnTheFifo)
     const int fifo = fifoDescriptor();
     EXPECT_THAT(texts,
                 ElementsAre(said("E", "Failed to gio channel for fifo - /zone-test[fifofd : %d]", fifo),
-                            called("close", fifo), unlinked));
+                            called("close", fifo), UNLINKED));
 }
 
 TEST_F(ZoneMonitorSetUpFailure, NeedsAPublisherName)

@@ -15,7 +15,6 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <thread>
-#include <utility>
 #include <vector>
 
 namespace fs = std::filesystem;
