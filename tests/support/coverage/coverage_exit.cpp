@@ -1,5 +1,5 @@
-// A program that counts what it runs writes its counts at its ordinary end only. These keep them for the other
-// ends that the daemon has: _exit, with threads in the middle of something, and an assertion.
+// A program that counts what it runs writes its counts at its ordinary end only. These keep them for the
+// other ends that the daemon has: _exit, with threads in the middle of something, and an assertion.
 #include <csignal>
 #include <cstdlib>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-"""The catalogue of the daemon's messages: what its log may hold, and which of it a run of the tests has seen."""
+"""The catalogue of the daemon's messages: what its log may hold, and what of it the tests have seen."""
 
 import os
 import re
@@ -85,7 +85,7 @@ class Checker:
             self._expressions.setdefault(key, []).append(_expression(message.text))
 
     def complaint(self, record):
-        """What is wrong with a record; empty when nothing is, or when none of the catalogue's files wrote it."""
+        """What is wrong with a record; empty when nothing, or when none of the catalogue's files wrote it."""
         if record.file not in self._files:
             return ""
         known = self._expressions.get((record.level, record.file, record.func), ())
@@ -102,8 +102,9 @@ _CHECKER = Checker(catalogue())
 
 
 def complaints(records):
-    """A line for each record that is no message of the daemon. Notes where the others came from, a "FILE:LINE"
-    each, in a new file in the folder that the environment variable ZONE_MESSAGES_SEEN names, if there is one."""
+    """A line for each record that is no message of the daemon. Notes where the others came from, a
+    "FILE:LINE" each, in a new file in the folder that the environment variable ZONE_MESSAGES_SEEN names, if
+    there is one."""
     found, seen = [], set()
     for record in records:
         complaint = _CHECKER.complaint(record)
