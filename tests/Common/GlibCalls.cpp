@@ -1,5 +1,6 @@
 #include "tests/Common/GlibCalls.h"
 
+#include "Common/Thread.h"
 #include "platform/watchdog/platform_watchdog.h"
 #include "tests/support/unit/Seam.h"
 
@@ -106,7 +107,10 @@ void g_source_set_callback(GSource* source, GSourceFunc function, gpointer data,
 
 guint g_source_attach(GSource* source, GMainContext* context)
 {
-    noteCall("g_source_attach(" + nameOf(source) + ", " + nameOf(context) + ")");
+    const bool orphan =
+        nameOf(source) == "events" && reinterpret_cast<ZoneCore::EventSource*>(source)->owner == nullptr;
+    noteCall("g_source_attach(" + nameOf(source) + ", " + nameOf(context) +
+             (orphan ? ") without owner" : ")"));
     return genuine(&g_source_attach, "g_source_attach")(source, context);
 }
 
