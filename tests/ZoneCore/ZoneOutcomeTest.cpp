@@ -23,13 +23,14 @@ struct Fields
     ZUP::ZoneOperationType operation;
     bool restart;
     pid_t initPid;
+    ZoneState state = NONE;
     bool operator==(const Fields&) const = default;
 };
 
 void PrintTo(const Fields& fields, std::ostream* stream)
 {
     *stream << "operation " << fields.operation << ", restart " << fields.restart << ", init pid "
-            << fields.initPid;
+            << fields.initPid << ", state " << fields.state;
 }
 
 /// The record that is waited for, and what the fields were when it was written.
@@ -49,7 +50,7 @@ extern "C" ssize_t write(int fd, const void* data, size_t size)
         std::string_view(static_cast<const char*>(data), size).find(watch->record) !=
             std::string_view::npos) {
         watch->seen = Fields{watch->zone->operationType.load(), watch->zone->restartFlag.load(),
-                             watch->zone->initPid.load()};
+                             watch->zone->initPid.load(), watch->zone->state.load()};
     }
     return reinterpret_cast<decltype(&write)>(dlsym(RTLD_NEXT, "write"))(fd, data, size);
 }
@@ -117,7 +118,14 @@ TEST_F(ZoneOutcome, OfAReportThatItRuns)
 {
     container("init_pid", "77");
     EXPECT_EQ(fieldsAt("The init pid(77) of zone(alpha) is set", eZONE_EVENT_CHANGE_STATE, RUNNING),
-              (Fields{ZUP::ZONE_OPERATION_NONE, true, 77}));
+              (Fields{ZUP::ZONE_OPERATION_NONE, true, 77, RUNNING}));
+}
+
+TEST_F(ZoneOutcome, OfAReportComesAfterTheRecordThatItArrived)
+{
+    EXPECT_EQ(fieldsAt("ZONE CHANGE STATE[2]", eZONE_EVENT_CHANGE_STATE, STARTING),
+              (Fields{ZUP::ZONE_OPERATION_NONE, true, 0, NONE}));
+    EXPECT_EQ(zone->state.load(), STARTING);
 }
 
 TEST_F(ZoneOutcome, OfARestartByTheWatcher)
