@@ -1,7 +1,5 @@
 #pragma once
 
-#include "tests/support/unit/ChildProcess.h"
-
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -85,7 +83,7 @@ inline ProcessResult runInChild(const std::map<std::string, std::string>& enviro
                 setenv(name.c_str(), value.c_str(), 1);
             }
         }
-        ZoneTest::endChild(body());
+        _exit(body());
     }
     close(ends[1]);
     return collect(child, ends[0], limit);
