@@ -49,6 +49,7 @@ ZoneCore::ZoneEvent* createZoneEvent(ZoneCore::ZoneEventType type, const ZoneCor
                                      void* data) asm("__wrap_" ZONE_TEST_CREATE_EVENT);
 
 /// What the linker puts in the place of Thread::createZoneEvent.
+// NOLINTNEXTLINE(misc-definitions-in-headers): one source of a program includes this.
 ZoneCore::ZoneEvent* createZoneEvent(ZoneCore::ZoneEventType type, const ZoneCore::ZoneState& state,
                                      void* data)
 {
@@ -57,6 +58,7 @@ ZoneCore::ZoneEvent* createZoneEvent(ZoneCore::ZoneEventType type, const ZoneCor
 
 } // namespace ZoneTest
 
+// NOLINTNEXTLINE(misc-definitions-in-headers): one source of a program includes this.
 extern "C" void g_async_queue_push_unlocked(GAsyncQueue* queue, gpointer data)
 {
     ZoneTest::QueuedEvents::keep(*static_cast<ZoneCore::ZoneEvent*>(data));

@@ -40,5 +40,5 @@ private:
         if (ZoneTest::Failure::isDue(#function)) {                                                           \
             return {};                                                                                       \
         }                                                                                                    \
-        return ZoneTest::genuine(&function, #function) arguments;                                            \
+        return ZoneTest::genuine(&(function), #function) arguments;                                          \
     }

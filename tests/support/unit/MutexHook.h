@@ -14,6 +14,7 @@ inline thread_local int (*atNextLock)() = nullptr;
 } // namespace ZoneTest
 
 // Takes the place of the C library's in programs that include this.
+// NOLINTNEXTLINE(misc-definitions-in-headers): in one source each.
 extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept
 {
     static const auto lock = ZoneTest::genuine(&pthread_mutex_lock, "pthread_mutex_lock");
