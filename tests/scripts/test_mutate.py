@@ -168,10 +168,10 @@ def test_leaves_out_tests_that_do_not_run_the_statement(tmp_path):
     project = type("Project", (), {"path": tmp_path})
     file = "source/Sample.cpp"
     digests = {file: hashlib.sha256((tmp_path / file).read_bytes()).hexdigest()}
-    tests = {"runs it": {file: [4]}, "runs another": {file: [6]}, "runs nothing": {}}
+    tests = {"a::runs it": {file: [4]}, "a::runs another": {file: [6]}, "a::is killed": {}, "b::reads": {}}
     path = write(tmp_path / "map.json", json.dumps({"files": digests, "tests": tests}))
     covered = {test for test in [*tests, "new"] if CoverageMap(path, project).covers(test, mutant)}
-    assert covered == {"runs it", "new"}
+    assert covered == {"a::runs it", "a::is killed", "new"}
 
 
 @pytest.mark.parametrize("deafness", ["", "trap '' TERM; "])
