@@ -388,7 +388,22 @@ def test_refuses_to_go_on_when_the_unchanged_tree_fails(project):
     assert status == 1 and output == "" and "fail on the unchanged tree: unit.GaugeTest" in errors
 
 
-def test_asks_the_system_tests_about_what_the_unit_tests_let_live(project):
+LOW = """import os, pathlib, subprocess
+
+def test_low():
+    program = os.environ['ZONE_BUILD_DIR'] + '/gauge-low'
+    assert subprocess.run([program, '2', '3', '4', '5']).returncode == 0
+"""
+# Fails for a mutant, though only the first time that one is there.
+HASTY = """
+def test_hasty():
+    seen = pathlib.Path(os.environ['ZONE_BUILD_DIR'], 'seen')
+    changed = '<= 5' in pathlib.Path('../../source/Gauge.cpp').read_text()
+    assert not changed or seen.exists() or seen.touch()
+"""
+
+
+def add_system_tests(project, text):
     write(project.path / "CMakeLists.txt", CMAKE + "add_executable(gauge-low source/main.cpp)\n"
           "target_link_libraries(gauge-low gauge)\n")  # fmt: skip
     write(project.path / "source/main.cpp", "int isLow(int);\nint main(int count, char**)\n"
@@ -396,9 +411,18 @@ def test_asks_the_system_tests_about_what_the_unit_tests_let_live(project):
     run_tests = write(project.path / "tests/system/run-tests", "#!/bin/sh\nexec /usr/bin/python3 -m pytest "
                       "-p no:cacheprovider -n $ZONE_TEST_JOBS \"$@\"\n")  # fmt: skip
     run_tests.chmod(0o755)
-    write(project.path / "tests/system/test_low.py", "import os, subprocess\n\ndef test_low():\n    "
-          "program = os.environ['ZONE_BUILD_DIR'] + '/gauge-low'\n    "
-          "assert subprocess.run([program, '2', '3', '4', '5']).returncode == 0\n")  # fmt: skip
+    write(project.path / "tests/system/test_low.py", text)
+
+
+def test_does_not_count_a_system_test_that_fails_once_only(project):
+    add_system_tests(project, HASTY.replace("\n", "import os, pathlib\n", 1))
+    _, output, errors = project.mutate("--only", "source/Gauge.cpp", "--jobs", 1)
+    assert "2 of 4 mutants caught" in output
+    assert "test_low.py::test_hasty failed once and then passed" in errors
+
+
+def test_asks_the_system_tests_about_what_the_unit_tests_let_live(project):
+    add_system_tests(project, LOW)
     _, output, errors = project.mutate("--only", "source/Gauge.cpp")
     assert "4 of 4 mutants caught" in output and errors.count("caught by test_low.py::test_low") == 2
     assert "2 of 4 mutants caught" in project.mutate("--only", "source/Gauge.cpp", "--units-only")[1]
