@@ -27,8 +27,8 @@ constexpr const char* LAUNCHER = "/zone/config/zone-launcher";
 void requirePrivateRoot()
 {
     if (!fs::exists("/run/.private-root")) {
-        std::fputs("These tests change system directories: run them by way of scripts/private-root.\n",
-                   stderr);
+        static_cast<void>(std::fputs(
+            "These tests change system directories: run them by way of scripts/private-root.\n", stderr));
         std::exit(EXIT_FAILURE);
     }
 }

@@ -22,6 +22,7 @@
 #include <unistd.h>
 
 // Present in programs built with a sanitizer only.
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the sanitizers' own name.
 extern "C" void __sanitizer_set_report_fd(void* fd) __attribute__((weak));
 
 namespace ZoneTest {
