@@ -17,6 +17,7 @@ SYSTEM_SLOWER = 4
 
 CAUGHT, LIVING, UNBUILDABLE, EQUIVALENT = "caught", "living", "unbuildable", "equivalent"
 COUNTED = (CAUGHT, LIVING)
+UNREACHED = "no test runs it"
 
 
 @dataclasses.dataclass(frozen=True)
@@ -213,7 +214,7 @@ class Campaign:
             problem = self._fails(batch, suite)
             if problem:
                 return CAUGHT, problem
-        return LIVING, ""
+        return LIVING, UNREACHED if suite.coverage.misses(mutant) else ""
 
     def _fails(self, batch, suite):
         """Which of these system tests fails, and does so again by itself: one that fails once on a busy
@@ -238,11 +239,12 @@ class Campaign:
         done = counts[CAUGHT] + counts[LIVING]
         elapsed = time.monotonic() - self._begin
         self._done += result.status in COUNTED
+        by = f", {result.by}" if result.by == UNREACHED else f" by {result.by}" if result.by else ""
         left = elapsed / max(self._done, 1) * (self.size - done)
         self.tell(
             f"{done}/{self.size} caught {counts[CAUGHT]} living {counts[LIVING]}, {_minutes(elapsed)} gone, "
-            f"about {_minutes(left)} to go | {result.status}{f' by {result.by}' if result.by else ''} "
-            f"({result.seconds:.0f} s): {mutant.file}:{mutant.line} {mutant.kind}: {mutant.change}"
+            f"about {_minutes(left)} to go | {result.status}{by} ({result.seconds:.0f} s): "
+            f"{mutant.file}:{mutant.line} {mutant.kind}: {mutant.change}"
         )
 
     def sample(self):
@@ -275,7 +277,9 @@ class Campaign:
         for mutant, result in self.sample():
             if result is not None and result.status == LIVING:
                 place = f"{mutant.file}:{mutant.line} {mutant.kind}"
-                lines += ["", f"living {mutant.ident} {place}: {mutant.change}", *diff_of(mutant, project)]
+                remark = f" ({result.by})" if result.by else ""
+                lines += ["", f"living {mutant.ident} {place}: {mutant.change}{remark}"]
+                lines += diff_of(mutant, project)
         for mutant, result in self.sample():
             if result is not None and result.status == EQUIVALENT:
                 lines += ["", f"equivalent {mutant.ident} {mutant.file}:{mutant.line}: {mutant.change}"]

@@ -49,6 +49,11 @@ class CoverageMap:
         lines = mutant.statement if self._is_run(mutant.file, mutant.statement) else mutant.function
         return _runs(files, mutant.file, lines)
 
+    def misses(self, mutant):
+        """Whether no test runs the statement, as far as the map can tell."""
+        known = bool(mutant.function) and mutant.file in self._same
+        return known and not self._is_run(mutant.file, mutant.statement)
+
     def _find_whether_run(self, file, lines):
         return any(_runs(files, file, lines) for files in self._tests.values())
 

@@ -170,8 +170,24 @@ def test_leaves_out_tests_that_do_not_run_the_statement(tmp_path):
     digests = {file: hashlib.sha256((tmp_path / file).read_bytes()).hexdigest()}
     tests = {"a::runs it": {file: [4]}, "a::runs another": {file: [6]}, "a::is killed": {}, "b::reads": {}}
     path = write(tmp_path / "map.json", json.dumps({"files": digests, "tests": tests}))
-    covered = {test for test in [*tests, "new"] if CoverageMap(path, project).covers(test, mutant)}
+    coverage = CoverageMap(path, project)
+    covered = {test for test in [*tests, "new"] if coverage.covers(test, mutant)}
     assert covered == {"a::runs it", "a::is killed", "new"}
+    assert not coverage.misses(mutant)
+
+
+def test_knows_what_no_test_runs(tmp_path):
+    mutant = enumerated(tmp_path, "int f(int a)\n{\n    return -a;\n}\n")[0]
+    project = type("Project", (), {"path": tmp_path})
+    file = "source/Sample.cpp"
+    path = tmp_path / "map.json"
+    assert not CoverageMap(path, project).misses(mutant)
+    digests = {file: hashlib.sha256((tmp_path / file).read_bytes()).hexdigest()}
+    write(path, json.dumps({"files": digests, "tests": {"a::enters": {file: [2]}}}))
+    coverage = CoverageMap(path, project)
+    assert coverage.misses(mutant) and coverage.covers("a::enters", mutant)
+    write(tmp_path / file, "// changed since\n")
+    assert not CoverageMap(path, project).misses(mutant)
 
 
 @pytest.mark.parametrize("deafness", ["", "trap '' TERM; "])
