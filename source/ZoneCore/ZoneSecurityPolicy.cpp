@@ -25,7 +25,7 @@ constexpr size_t LABEL_BUFFER_SIZE = 4096;
 struct LabelRead
 {
     std::array<char, LABEL_BUFFER_SIZE + 1> text{};
-    ssize_t length = -1; ///< of the attribute; below 1: there is none, errno says why
+    ssize_t length{}; ///< of the attribute; below 1: there is none, errno says why
 };
 
 LabelRead readLabel(const std::string& path)

@@ -1,6 +1,7 @@
 #include "Common/ProcessSignals.h"
 
 #include "tests/support/unit/ChildProcess.h"
+#include "tests/support/unit/Seam.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +10,6 @@
 #include <chrono>
 #include <csignal>
 #include <ctime>
-#include <dlfcn.h>
 #include <functional>
 #include <glib.h>
 #include <optional>
@@ -108,7 +108,7 @@ void inProcessOfItsOwn(const std::function<void()>& body)
 extern "C" int ppoll(pollfd* fds, nfds_t count, const timespec* limit, const sigset_t* mask)
 {
     if (Poll::armed == nullptr) {
-        return reinterpret_cast<decltype(&ppoll)>(dlsym(RTLD_NEXT, "ppoll"))(fds, count, limit, mask);
+        return ZoneTest::genuine(&ppoll, "ppoll")(fds, count, limit, mask);
     }
     Poll::armed->limit = limit == nullptr ? std::nullopt : std::optional(*limit);
     return Poll::armed->answer;

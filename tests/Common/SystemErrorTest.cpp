@@ -1,10 +1,11 @@
 #include "Common/SystemError.h"
 
+#include "tests/support/unit/Seam.h"
+
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstddef>
-#include <dlfcn.h>
 
 using ZoneCore::SystemErrorText;
 
@@ -31,7 +32,6 @@ protected:
 extern "C" char* strerror_r(int error, char* buffer, std::size_t size) noexcept
 {
     static char empty[] = "";
-    using Function = char* (*)(int, char*, std::size_t);
     switch (answer) {
     case Answer::Null:
         return nullptr;
@@ -40,7 +40,7 @@ extern "C" char* strerror_r(int error, char* buffer, std::size_t size) noexcept
     case Answer::Genuine:
         break;
     }
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, "strerror_r"))(error, buffer, size);
+    return ZoneTest::genuine(&strerror_r, "strerror_r")(error, buffer, size);
 }
 
 TEST_F(SystemError, SaysWhatTheNumberMeans)

@@ -5,9 +5,10 @@
 #include "Common/ZoneTypes.h"
 #include "DBusCore/Introspection.h"
 
+#include "tests/support/unit/Seam.h"
+
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
 #include <memory>
 #include <utility>
 
@@ -22,12 +23,6 @@ namespace {
 
 constexpr const char* PARAMETERS = "parameters";
 FakeBusLibrary* current = nullptr;
-
-template <typename Function>
-Function genuine(Function /*type*/, const char* name)
-{
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
 
 std::string textOf(GVariant* value)
 {

@@ -3,8 +3,8 @@
 #include "ZoneCore/IsolateZone.h"
 #include "tests/ZoneCore/EnforcedWritableTests.h"
 #include "tests/ZoneCore/PermittedRootTests.h"
+#include "tests/support/unit/Seam.h"
 
-#include <dlfcn.h>
 #include <string>
 #include <sys/stat.h>
 
@@ -45,7 +45,7 @@ protected:
 
 extern "C" int mkdir(const char* path, mode_t mode)
 {
-    const int result = reinterpret_cast<decltype(&mkdir)>(dlsym(RTLD_NEXT, "mkdir"))(path, mode);
+    const int result = ZoneTest::genuine(&mkdir, "mkdir")(path, mode);
     if (result == 0 && newDirectoriesAreLabelled) {
         setLabel(path, "_");
     }

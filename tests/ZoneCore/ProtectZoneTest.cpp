@@ -1,9 +1,9 @@
 // The kind that enforces everything. statvfs is replaced in this program, to let it fail.
 #include "ZoneCore/ProtectZone.h"
 #include "tests/ZoneCore/EnforcedWritableTests.h"
+#include "tests/support/unit/Seam.h"
 
 #include <cerrno>
-#include <dlfcn.h>
 #include <sys/statvfs.h>
 
 namespace ZoneTest {
@@ -43,7 +43,7 @@ extern "C" int statvfs(const char* path, struct statvfs* status)
         errno = EIO;
         return -1;
     }
-    return reinterpret_cast<decltype(&statvfs)>(dlsym(RTLD_NEXT, "statvfs"))(path, status);
+    return ZoneTest::genuine(&statvfs, "statvfs")(path, status);
 }
 
 INSTANTIATE_TYPED_TEST_SUITE_P(ProtectZone, ZoneKindTest, Words);

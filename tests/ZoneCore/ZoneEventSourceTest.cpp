@@ -2,10 +2,10 @@
 // replaced in this program to see in what state a source is attached, and to let them fail.
 #include "ZoneCore/Zone.h"
 #include "tests/ZoneCore/ZoneThreadFixture.h"
+#include "tests/support/unit/Seam.h"
 
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
 #include <string>
 #include <vector>
 
@@ -29,19 +29,13 @@ struct Attached
 };
 std::vector<Attached>* attached = nullptr;
 
-template <typename Function>
-Function genuine(Function /*type*/, const char* name)
-{
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
-
 } // namespace
 
 extern "C" {
 
 GSource* g_source_new(GSourceFuncs* functions, guint size)
 {
-    return sourcesCannotBeMade ? nullptr : genuine(&g_source_new, "g_source_new")(functions, size);
+    return sourcesCannotBeMade ? nullptr : ZoneTest::genuine(&g_source_new, "g_source_new")(functions, size);
 }
 
 guint g_source_attach(GSource* source, GMainContext* context)
@@ -51,12 +45,12 @@ guint g_source_attach(GSource* source, GMainContext* context)
         attached->push_back(
             {name == nullptr ? "" : name, reinterpret_cast<EventSource*>(source)->owner, context});
     }
-    return genuine(&g_source_attach, "g_source_attach")(source, context);
+    return ZoneTest::genuine(&g_source_attach, "g_source_attach")(source, context);
 }
 
 gpointer g_async_queue_try_pop(GAsyncQueue* queue)
 {
-    return popsNothing ? nullptr : genuine(&g_async_queue_try_pop, "g_async_queue_try_pop")(queue);
+    return popsNothing ? nullptr : ZoneTest::genuine(&g_async_queue_try_pop, "g_async_queue_try_pop")(queue);
 }
 }
 

@@ -3,10 +3,10 @@
 // moment.
 #include "ZoneCore/Zone.h"
 #include "tests/ZoneCore/ZoneThreadFixture.h"
+#include "tests/support/unit/Seam.h"
 
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
 #include <functional>
 #include <optional>
 #include <ostream>
@@ -52,7 +52,7 @@ extern "C" ssize_t write(int fd, const void* data, size_t size)
         watch->seen = Fields{watch->zone->operationType.load(), watch->zone->restartFlag.load(),
                              watch->zone->initPid.load(), watch->zone->state.load()};
     }
-    return reinterpret_cast<decltype(&write)>(dlsym(RTLD_NEXT, "write"))(fd, data, size);
+    return ZoneTest::genuine(&write, "write")(fd, data, size);
 }
 
 namespace {

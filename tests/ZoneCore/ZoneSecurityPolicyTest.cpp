@@ -1,12 +1,12 @@
 #include "ZoneCore/ZoneSecurityPolicy.h"
 #include "tests/ZoneCore/ZoneFixtures.h"
+#include "tests/support/unit/Seam.h"
 
 #include "Common/Handles.h"
 
 #include <gtest/gtest.h>
 
 #include <array>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
@@ -77,7 +77,7 @@ extern "C" int setxattr(const char* path, const char* name, const void* value, s
                         int flags) noexcept
 {
     flagsOfTheWrite = flags;
-    const auto genuine = reinterpret_cast<decltype(&setxattr)>(dlsym(RTLD_NEXT, "setxattr"));
+    const auto genuine = ZoneTest::genuine(&setxattr, "setxattr");
     const int result = genuine(path, name, value, size, flags);
     if (const auto action = std::exchange(afterTheWrite, nullptr)) {
         action();

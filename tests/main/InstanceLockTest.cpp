@@ -2,13 +2,13 @@
 
 #include "tests/support/unit/LogCapture.h"
 #include "tests/support/unit/PrivateRoot.h"
+#include "tests/support/unit/Seam.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cerrno>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <string>
@@ -79,12 +79,12 @@ extern "C" int flock(int fd, int operation) noexcept
         errno = flockError;
         return -1;
     }
-    return reinterpret_cast<int (*)(int, int)>(dlsym(RTLD_NEXT, "flock"))(fd, operation);
+    return ZoneTest::genuine(&flock, "flock")(fd, operation);
 }
 
 extern "C" int mkdir(const char* path, mode_t mode) noexcept
 {
-    const auto genuine = reinterpret_cast<int (*)(const char*, mode_t)>(dlsym(RTLD_NEXT, "mkdir"));
+    const auto genuine = ZoneTest::genuine(&mkdir, "mkdir");
     if (madeMeanwhile != nullptr) {
         EXPECT_EQ(genuine(std::exchange(madeMeanwhile, nullptr), 0700), 0);
     }
@@ -94,7 +94,7 @@ extern "C" int mkdir(const char* path, mode_t mode) noexcept
 extern "C" int remove(const char* path) noexcept
 {
     wasOpenAtRemoval = fcntl(watchedFd, F_GETFD) != -1;
-    return reinterpret_cast<int (*)(const char*)>(dlsym(RTLD_NEXT, "remove"))(path);
+    return ZoneTest::genuine(&remove, "remove")(path);
 }
 
 namespace {

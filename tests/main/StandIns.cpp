@@ -1,4 +1,5 @@
 #include "tests/main/StandIns.h"
+#include "tests/support/unit/Seam.h"
 
 #include "Common/Log.h"
 #include "Common/ProcessSignals.h"
@@ -13,7 +14,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <dlfcn.h>
 #include <memory>
 #include <new>
 #include <string>
@@ -38,12 +38,6 @@ bool calledAndWorks(const std::string& name)
 {
     called(name);
     return works(name);
-}
-
-template <typename Function>
-Function* genuine(Function& /*replacement*/, const char* name)
-{
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 /// A monitor that nobody looks into.
@@ -76,7 +70,7 @@ StandIns::~StandIns()
 extern "C" mode_t umask(mode_t mask) noexcept
 {
     if (armed == nullptr) {
-        return genuine(umask, "umask")(mask);
+        return ZoneTest::genuine(&umask, "umask")(mask);
     }
     called("umask " + std::to_string(mask));
     return 0;
@@ -85,7 +79,7 @@ extern "C" mode_t umask(mode_t mask) noexcept
 extern "C" int chdir(const char* path) noexcept
 {
     if (armed == nullptr) {
-        return genuine(chdir, "chdir")(path);
+        return ZoneTest::genuine(&chdir, "chdir")(path);
     }
     called(std::string("chdir ") + path);
     return works("chdir") ? 0 : -1;
@@ -94,7 +88,7 @@ extern "C" int chdir(const char* path) noexcept
 extern "C" int access(const char* path, int type) noexcept
 {
     if (armed == nullptr) {
-        return genuine(access, "access")(path, type);
+        return ZoneTest::genuine(&access, "access")(path, type);
     }
     called(std::string("access ") + path + " " + std::to_string(type));
     return works("access") ? 0 : -1;
@@ -103,7 +97,7 @@ extern "C" int access(const char* path, int type) noexcept
 extern "C" sighandler_t signal(int number, sighandler_t handler) noexcept
 {
     if (armed == nullptr) {
-        return genuine(signal, "signal")(number, handler);
+        return ZoneTest::genuine(&signal, "signal")(number, handler);
     }
     called("signal " + std::to_string(number) +
            (handler == handle_termination_signal ? " handle_termination_signal" : " ?"));
@@ -113,7 +107,7 @@ extern "C" sighandler_t signal(int number, sighandler_t handler) noexcept
 extern "C" GMainContext* g_main_context_ref(GMainContext* context)
 {
     if (armed == nullptr) {
-        return genuine(g_main_context_ref, "g_main_context_ref")(context);
+        return ZoneTest::genuine(&g_main_context_ref, "g_main_context_ref")(context);
     }
     called(context == g_main_context_default() ? "g_main_context_ref default" : "g_main_context_ref ?");
     return context;
@@ -125,7 +119,7 @@ extern "C" void _exit(int status)
         called("_exit " + std::to_string(status));
         status = ZoneTest::StandIns::STATUS_OF_EXIT;
     }
-    genuine(_exit, "_exit")(status);
+    ZoneTest::genuine(&_exit, "_exit")(status);
     __builtin_unreachable();
 }
 

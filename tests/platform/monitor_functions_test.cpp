@@ -1,12 +1,12 @@
 #include "platform/lxc_adapter/monitor_functions.h"
 
 #include "tests/platform/no_memory.h"
+#include "tests/support/unit/Seam.h"
 
 #include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -53,7 +53,7 @@ extern "C" int listen(int descriptor, int backlog) noexcept
         errno = EOPNOTSUPP;
         return -1;
     }
-    return reinterpret_cast<int (*)(int, int)>(dlsym(RTLD_NEXT, "listen"))(descriptor, backlog);
+    return ZoneTest::genuine(&listen, "listen")(descriptor, backlog);
 }
 
 TEST(MonitorFunctions, TheFifoIsBelowTheRunDirectory)
