@@ -17,7 +17,7 @@ SYSTEM_SLOWER = 4
 
 CAUGHT, LIVING, UNBUILDABLE, EQUIVALENT = "caught", "living", "unbuildable", "equivalent"
 COUNTED = (CAUGHT, LIVING)
-UNREACHED = "no test runs it"
+UNREACHED = "no test in the map runs it"
 
 
 @dataclasses.dataclass(frozen=True)
