@@ -149,7 +149,7 @@ bool Container::unfreeze()
 int Container::wait_for_pid_status(pid_t pid)
 {
     for (;;) {
-        int status = 0;
+        int status{};
         const pid_t ended = waitpid(pid, &status, 0);
         if (ended == -1) {
             if (errno == EINTR) {

@@ -23,8 +23,6 @@ from campaign import State, read_equivalents  # noqa: E402
 from coverage_map import CoverageMap  # noqa: E402
 from workshop import Children, Failure, Interrupted  # noqa: E402
 
-pytestmark = pytest.mark.skipif(mutants.cindex is None, reason="needs scripts/setup --with mutation")
-
 LOG = """
 void write(const char* format, ...);
 #define ZLOG(level, format, ...) write(level "%s" format "." __VA_OPT__(,) __VA_ARGS__)
