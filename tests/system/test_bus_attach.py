@@ -1,10 +1,9 @@
 """ZoneAttach: its strings are copied, told, and gone before the zone's thread hears of the request."""
 
 import pytest
-from zonetest import eventually
+from zonetest import READY, eventually
 from zonetest.bus import INTERFACE, OBJECT, SERVICE
 
-READY = "thread running check timer is terminated"
 ELEMENT = "Vector element "
 FLOOD = 100
 

@@ -4,10 +4,9 @@ import re
 import xml.etree.ElementTree as ElementTree
 
 import pytest
-from zonetest import PROJECT, BusError, eventually, never
+from zonetest import PROJECT, READY, BusError, eventually, never
 from zonetest.bus import INTERFACE, OBJECT, SERVICE
 
-READY = "thread running check timer is terminated"
 DESCRIPTION = PROJECT / "packaging" / "dbus" / "org.ornix.zoneframework.xml"
 INVALID_ARGUMENTS = "org.freedesktop.DBus.Error.InvalidArgs"
 UNKNOWN_METHOD = "org.freedesktop.DBus.Error.UnknownMethod"

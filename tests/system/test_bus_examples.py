@@ -5,9 +5,8 @@ import signal
 import subprocess
 
 import pytest
-from zonetest import PROJECT, eventually, send_states
+from zonetest import PROJECT, READY, eventually, send_states
 
-READY = "thread running check timer is terminated"
 LISTED = "client connection is added to GIO Channel List"
 DOCUMENT = PROJECT / "docs" / "interfaces.md"
 EXAMPLES = PROJECT / "docs" / "examples"

@@ -1,23 +1,21 @@
 """The bus comes, goes, belongs to somebody else or is not there at all: the daemon goes on."""
 
-import contextlib
 import re
 import signal
 
 import pytest
 from zonetest import (
+    READY,
     Bus,
     BusError,
-    Client,
     Subscriber,
     ask_init_pid,
+    busy_monitor,
     eventually,
-    init_pid_address,
     send_states,
 )
 from zonetest.bus import SERVICE
 
-READY = "thread running check timer is terminated"
 LOST = f'Bus is lost("{SERVICE}")'
 LAST_LINE = "ZoneManager is terminated..."
 LISTED = "client connection is added to GIO Channel List"
@@ -99,16 +97,6 @@ def test_a_bus_that_comes_after_the_daemon_is_not_joined(red, daemon, root):
     ends_in_order(daemon)
 
 
-@contextlib.contextmanager
-def busy(daemon):
-    """Meanwhile the monitor's thread waits for the question of an init-pid client; what comes lies there, and
-    is there all at once for it afterwards."""
-    mark = daemon.mark()
-    with Client(daemon.root, init_pid_address()):
-        daemon.wait_for("is connected[listen socket", after=mark)
-        yield
-
-
 @pytest.mark.parametrize("with_bus", [True, False])
 def test_a_vanished_subscriber_is_no_signal_to_end(red, daemon, root, with_bus, request):
     """The write to a socket without a peer raises SIGPIPE, which the bus library would ignore; without a bus
@@ -120,7 +108,7 @@ def test_a_vanished_subscriber_is_no_signal_to_end(red, daemon, root, with_bus, 
         bus.wait_owned()
     subscriber = Subscriber(root)
     daemon.wait_for(LISTED)
-    with busy(daemon):
+    with busy_monitor(daemon):
         send_states(root, "red", "FROZEN")
         subscriber.close()
     broken = "Failed to write the state change event to subscribers - red => FROZEN - \"Broken pipe\""

@@ -1,10 +1,9 @@
 """What the packaged bus policy lets other users do: look and listen."""
 
 import pytest
-from zonetest import eventually, never, send_states
+from zonetest import READY, eventually, never, send_states
 from zonetest.bus import INTERFACE, OBJECT, SERVICE
 
-READY = "thread running check timer is terminated"
 OTHER = ["setpriv", "--reuid=1000", "--regid=1000", "--clear-groups"]
 CALL = ["busctl", "--system", "--timeout=10", "call", "--"]
 BUS = ["org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus"]

@@ -3,9 +3,8 @@
 import signal
 
 import pytest
-from zonetest import eventually
+from zonetest import READY, eventually
 
-PROGRAM_READY = "thread running check timer is terminated"
 PID_FILE = "/run/lxc/pid/red.pid"
 STARTED = "red is started successfully"
 LARGEST = 2**31 - 1  # no process has this number
@@ -17,7 +16,7 @@ INVALID, NONE = '"Invalid argument"', '"No such process"'
 @pytest.fixture
 def ready(fake, bus, daemon):
     fake.define("red")
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     bus.wait_owned()
     return daemon
 

@@ -1,6 +1,5 @@
 """The init-pid socket: one question, one number, and clients that behave badly."""
 
-import contextlib
 import os
 import re
 import resource
@@ -8,27 +7,18 @@ import socket
 
 import pytest
 from zonetest import (
+    READY,
     Client,
     Message,
     Subscriber,
     ask_init_pid,
+    busy_monitor,
     eventually,
     init_pid_address,
     send_states,
 )
 
-READY = "thread running check timer is terminated"
 NAME_SIZE = 64
-
-
-@contextlib.contextmanager
-def busy(daemon):
-    """Meanwhile the monitor's thread waits for the question of an init-pid client; what comes lies there, and
-    is there all at once for it afterwards."""
-    mark = daemon.mark()
-    with Client(daemon.root, init_pid_address()):
-        daemon.wait_for("is connected[listen socket", after=mark)
-        yield
 
 
 @pytest.fixture
@@ -188,7 +178,7 @@ def test_an_address_of_another_length_reaches_nobody(served, root, address):
 @pytest.mark.parametrize("question", [b"isolated", b"", b"nobody"])
 @pytest.mark.parametrize("unread", [False, True])
 def test_a_client_that_vanishes_before_the_answer(served, root, question, unread):
-    with busy(served):
+    with busy_monitor(served):
         mark = served.mark()
         clients = [Client(root, init_pid_address()) for _ in range(5)]
         for client in clients:
@@ -236,7 +226,7 @@ def test_without_a_descriptor_left_the_service_ends_and_nothing_else(served, roo
 
 
 def test_a_hundred_clients_are_answered_one_after_another(served, root):
-    with busy(served):
+    with busy_monitor(served):
         clients = [Client(root, init_pid_address()) for _ in range(100)]
         for number, client in enumerate(clients):
             client.socket.sendall(b"isolated" if number % 2 else b"hybrid")

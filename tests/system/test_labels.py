@@ -3,8 +3,8 @@
 import re
 
 import pytest
+from zonetest import READY
 
-PROGRAM_READY = "thread running check timer is terminated"
 ROOT_PATH = "/var/lib/lxc/red"
 WRITABLE = "/opt/var/lib/lxc/red"
 OPT = "/opt/var/lib/lxc/red/opt"
@@ -19,7 +19,7 @@ def judged(daemon):
     behind it."""
     daemon.start(wait=re.compile(r"Zone count is set to \[1 / \d\]"))
     if accepted(daemon):
-        daemon.wait_for(PROGRAM_READY)
+        daemon.wait_for(READY)
     else:
         assert daemon.wait_exit() == 255
     records = daemon.records
@@ -82,7 +82,7 @@ def seen(kind, access, path, label):
 def test_each_kind_of_real_container_gets_its_labels(zones, daemon, root):
     for name in ("hybrid", "isolation", "protection"):
         zones.define(name, name)
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     assert "Zone count is set to [3 / 3]" in daemon.bodies("info")
     for name, labels in (
         ("hybrid", [None, None, None]),

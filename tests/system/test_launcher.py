@@ -4,9 +4,8 @@ import re
 import signal
 
 import pytest
-from zonetest import Subscriber, eventually
+from zonetest import READY, Subscriber, eventually
 
-PROGRAM_READY = "thread running check timer is terminated"
 LAUNCHER = "/zone/config/zone-launcher"
 RUNNING = ("set init_pid PID", "set running 1")
 
@@ -26,7 +25,7 @@ def request_start(zone, bus, daemon):
         outcome = daemon.wait_for(re.compile("red is started successfully|Failed to start red"), after=mark)
         return str(outcome).partition("(")[0]
 
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     bus.wait_owned()
     return request
 
@@ -61,7 +60,7 @@ def test_the_child_gets_the_signal_mask_that_the_daemon_was_started_with(fake, z
     ]
     root.write("/usr/local/bin/blocking", "\n".join(script), mode=0o755)
     daemon.program = "/usr/local/bin/blocking"
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     bus.wait_owned()
     assert bus.call("ZoneStart", "red") is True
     daemon.wait_for("red is started successfully")
@@ -127,7 +126,7 @@ def test_a_launcher_that_cannot_be_run_leaves_the_outcome_to_the_container(
 def test_a_launcher_whose_end_cannot_be_awaited_is_a_failed_start(fake, zone, bus, daemon, root):
     root.write("/usr/local/bin/childless", f"#!/bin/bash\ntrap '' CHLD\nexec {daemon.program}\n", mode=0o755)
     daemon.program = "/usr/local/bin/childless"
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     bus.wait_owned()
     assert bus.call("ZoneStart", "red") is True
     daemon.wait_for("Failed to start red")
@@ -143,7 +142,7 @@ def test_a_slow_launcher_holds_up_its_own_zone_only(fake, bus, daemon):
     fake.define("red")
     fake.define("blue")
     fake.script("start", "wait go", *RUNNING, name="red")
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     bus.wait_owned()
     assert bus.call("ZoneStart", "red") is True
     eventually(fake.launches, 10, "the launcher of red")

@@ -9,6 +9,7 @@ import pytest
 from zonetest import (
     EXIT,
     PRIORITY,
+    READY,
     STATE,
     Message,
     Subscriber,
@@ -19,7 +20,6 @@ from zonetest import (
     send_states,
 )
 
-PROGRAM_READY = "thread running check timer is terminated"
 LAST_LINE = "ZoneManager is terminated..."
 LOCK = "/var/run/lxc/lock/zone-manager.lock"
 FIFO = fifo_path()
@@ -156,21 +156,21 @@ def test_an_address_in_use_ends_the_start(zone, daemon, root, address, error):
 
 
 def test_a_leftover_fifo_is_used_again_and_stays(zone, daemon, root):
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     node = root.path(FIFO).stat()
     assert node.st_mode == 0o10600
     assert daemon.stop() == 0
     assert root.path(FIFO).stat().st_ino == node.st_ino
     mark = daemon.mark()
     daemon.start()
-    daemon.wait_for(PROGRAM_READY, after=mark)
+    daemon.wait_for(READY, after=mark)
     assert root.path(FIFO).stat().st_ino == node.st_ino
     send_states(root, "red", "STARTING")
     daemon.wait_for("The state of red is changed to STARTING", after=mark)
 
 
 def test_the_fifo_is_locked_while_the_daemon_runs(zone, daemon, root):
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     with open(os.open(root.path(FIFO), os.O_RDWR), "wb", buffering=0) as other:
         with pytest.raises(OSError, match="temporarily unavailable"):
             fcntl.lockf(other, fcntl.LOCK_EX | fcntl.LOCK_NB)
@@ -203,7 +203,7 @@ def received(subscribers=0):
 
 
 def test_a_priority_message_is_only_told(zone, daemon):
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     assert watch_message(daemon, Message(PRIORITY, "red", 2), until="priority message is received") == [
         received(),
         "info: [zone-monitor] priority message is received",
@@ -214,7 +214,7 @@ def test_a_priority_message_is_only_told(zone, daemon):
     ("status", "code"), [(0x0100, 1), (0, 0), (9, 0), (0xFF00, 255), (0x12345, 0x23), (-1, 255)]
 )
 def test_an_exit_message_tells_the_second_byte_of_the_wait_status(zone, daemon, status, code):
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     told = 'Restart flag is set of "red" to [0]'
     assert watch_message(daemon, Message(EXIT, "red", status), until=told) == [
         received(),
@@ -224,7 +224,7 @@ def test_an_exit_message_tells_the_second_byte_of_the_wait_status(zone, daemon, 
 
 
 def test_an_exit_message_of_no_zone_is_told_twice(zone, daemon):
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     mark = daemon.mark()
     send_messages(daemon.root, Message(EXIT, "nobody", 0))
     silence(daemon, mark)
@@ -234,7 +234,7 @@ def test_an_exit_message_of_no_zone_is_told_twice(zone, daemon):
 
 @pytest.mark.parametrize("kind", [3, -1, 2**31 - 1])
 def test_a_message_of_an_unknown_type_is_an_error(zone, daemon, kind):
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     assert watch_message(daemon, Message(kind, "red", 2), until="case error") == [
         received(),
         "error: [zone-monitor] case error",
@@ -243,7 +243,7 @@ def test_a_message_of_an_unknown_type_is_an_error(zone, daemon, kind):
 
 @pytest.mark.parametrize("number", [8, -1, 4711])
 def test_a_state_number_without_a_word_reaches_nobody(zone, bus, daemon, root, number):
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     bus.wait_owned()
     listener = bus.listen()
     with Subscriber(root) as subscriber:
@@ -261,7 +261,7 @@ def test_a_state_number_without_a_word_reaches_nobody(zone, bus, daemon, root, n
 
 
 def test_a_name_that_is_no_zone_reaches_everybody_but_a_zone(zone, bus, daemon, root):
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     bus.wait_owned()
     listener = bus.listen()
     with Subscriber(root) as subscriber:
@@ -286,7 +286,7 @@ def test_a_name_that_is_no_zone_reaches_everybody_but_a_zone(zone, bus, daemon, 
 
 
 def test_a_name_that_fills_its_field_is_taken_whole(zone, bus, daemon, root):
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     bus.wait_owned()
     listener = bus.listen()
     name = "x" * 256
@@ -300,7 +300,7 @@ def test_a_name_that_fills_its_field_is_taken_whole(zone, bus, daemon, root):
 
 
 def test_a_name_that_is_no_text_does_no_harm(zone, bus, daemon, root):
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     bus.wait_owned()
     mark = daemon.mark()
     message = bytearray(Message.state("red", "FREEZING").pack())
@@ -315,7 +315,7 @@ def test_a_name_that_is_no_text_does_no_harm(zone, bus, daemon, root):
 
 @pytest.mark.parametrize("length", [1, Message.SIZE - 1])
 def test_a_short_read_ends_the_relay_and_nothing_else(zone, bus, daemon, root, length):
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     bus.wait_owned()
     error = "Failed to read state messages from container"
     part = Message(PRIORITY, "red", 0).pack()[:length]
@@ -332,7 +332,7 @@ def test_a_short_read_ends_the_relay_and_nothing_else(zone, bus, daemon, root, l
 
 
 def test_a_stop_without_the_restart_flag_still_says_that_a_restart_is_sent(zone, daemon):
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     mark = daemon.mark()
     lines = watch_message(
         daemon, Message.state("red", "STOPPED"), until="Restart event for red is sent to Zone Manager"
@@ -343,7 +343,7 @@ def test_a_stop_without_the_restart_flag_still_says_that_a_restart_is_sent(zone,
 
 
 def test_a_stop_of_no_zone_says_so_too(zone, daemon):
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     lines = watch_message(
         daemon, Message.state("nobody", "STOPPED"), until="Restart event for nobody is sent to Zone Manager"
     )
@@ -351,7 +351,7 @@ def test_a_stop_of_no_zone_says_so_too(zone, daemon):
 
 
 def test_any_running_container_sets_off_a_check_of_the_automatic_start(zone, daemon):
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     mark = daemon.mark()
     lines = watch_message(
         daemon, Message.state("stranger", "RUNNING"), until="Check Auto Start event is sent to Zone Manager"
@@ -377,7 +377,7 @@ FUNCTION = re.compile(
 @pytest.mark.parametrize("word", ["BROKEN", "running", "INVALID STATE"])
 def test_a_word_that_liblxc_does_not_know_ends_the_daemon(fake, zone, daemon, root, word):
     fake.set("state2str/2", word)
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     send_states(root, "red", "RUNNING")
     assert daemon.wait_exit() == -signal.SIGABRT
     assert daemon.bodies()[-1] == "ZoneContainerState instance is created"
@@ -386,7 +386,7 @@ def test_a_word_that_liblxc_does_not_know_ends_the_daemon(fake, zone, daemon, ro
 
 def test_so_does_an_unknown_word_of_a_container_that_is_asked(fake, zone, bus, daemon):
     fake.put("red", "state", "ASLEEP")
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     bus.wait_owned()
     with pytest.raises(Exception, match=r"."):
         bus.call("ZoneGetState", "red")

@@ -3,9 +3,8 @@
 import time
 
 import pytest
-from zonetest import eventually, send_states
+from zonetest import READY, eventually, send_states
 
-PROGRAM_READY = "thread running check timer is terminated"
 CREATED = "Zone Context is created successfully"
 LAST_LINE = "ZoneManager is terminated..."
 LOCK = "/var/run/lxc/lock/zone-manager.lock"
@@ -77,7 +76,7 @@ def test_when_all_are_refused_nothing_starts(fake, daemon):
 
 def test_an_accepted_zone_gives_its_references_back_at_the_end(fake, daemon):
     fake.define("red")
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     assert fake.references("red") == 2
     assert daemon.stop() == 0
     assert fake.references("red") == 0
@@ -98,7 +97,7 @@ def test_one_refused_container_keeps_the_automatic_start_from_ever_beginning(fak
     assert str(first) == f"info: [Main Thread] {told}(thread name : zone-manager, tid : {main})"
     assert daemon.bodies("error").count("Can not get a zone object (3 / 3)") == daemon.count(told)
     assert daemon.find("Checking auto start zone") is None
-    assert daemon.find(PROGRAM_READY) is None
+    assert daemon.find(READY) is None
     assert fake.launches() == []
     assert daemon.stop() == 0
     # One line for the missing zone in the handler, one in the teardown.
@@ -130,7 +129,7 @@ def test_only_the_text_1_asks_for_the_automatic_start(fake, daemon):
     fake.define("longer-now", "hybrid", auto="1", auto_read="11")
     fake.define("other-now", "hybrid", auto="1", auto_read="0")
     fake.define("one-now", "hybrid", auto="0", auto_read="1")
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     told = [body for body in daemon.bodies("info") if body.startswith("auto start flag is true")]
     assert sorted(told) == ["auto start flag is true...one", "auto start flag is true...one-now"]
 
@@ -140,7 +139,7 @@ def test_zones_keep_the_order_of_the_listing(fake, daemon):
     for name, kind in zip(names, ("protection", "isolation", "hybrid"), strict=True):
         fake.define(name, kind)
     fake.set("order", "\n".join(names))
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     added = [body for body in daemon.bodies("info") if body.endswith("is added to Zone Context!")]
     assert added == [f'"{name}" is added to Zone Context!' for name in names]
     checked = [body for body in daemon.bodies("info") if body.startswith("Checking auto start zone")]

@@ -8,9 +8,8 @@ from contextlib import suppress
 from pathlib import Path
 
 import pytest
-from zonetest import Daemon, eventually, never
+from zonetest import READY, Daemon, eventually, never
 
-PROGRAM_READY = "thread running check timer is terminated"
 LOCK = "/var/run/lxc/lock/zone-manager.lock"
 
 
@@ -49,7 +48,7 @@ def running(zones, daemon, bus, name="red"):
     """Has the daemon start a zone on request, and defines it when there is none."""
     if not zones.root.exists(f"/var/lib/lxc/{name}"):
         zones.define(name, "hybrid")
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     bus.wait_owned()
     assert bus.call("ZoneStart", name) is True
     daemon.wait_for(f"Now, {name} is running", timeout=30)
@@ -192,7 +191,7 @@ def test_a_container_survives_the_daemon_and_holds_nothing_of_it(zones, bus, dae
     began = time.monotonic()
     second.start()
     try:
-        second.wait_for(PROGRAM_READY, after=mark)
+        second.wait_for(READY, after=mark)
         assert time.monotonic() - began < 30
         bus.wait_owned()
         assert inits(zones) == [init]
@@ -210,7 +209,7 @@ def test_a_killed_daemon_is_followed_by_another_at_once(zones, bus, daemon):
     assert daemon.wait_exit() == -signal.SIGKILL
     mark = daemon.mark()
     daemon.start()
-    daemon.wait_for(PROGRAM_READY, after=mark)
+    daemon.wait_for(READY, after=mark)
     bus.wait_owned()
     assert inits(zones) == [init]
     # A start requested now clears the container of the earlier run away before it starts another.

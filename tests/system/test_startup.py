@@ -5,11 +5,10 @@ import re
 import signal
 
 import pytest
-from zonetest import Daemon, send_states
+from zonetest import READY, Daemon, send_states
 
 LOCK = "/var/run/lxc/lock/zone-manager.lock"
 MISSING = '"No such file or directory"'
-PROGRAM_READY = "thread running check timer is terminated"
 LAST_LINE = "ZoneManager is terminated..."
 
 LABELLED_ALREADY = [
@@ -50,7 +49,7 @@ WATCHED = re.compile(r"info: \[zone-monitor:MAIN\] IO\(\d+\) watcher is added to
 
 
 def test_the_order_of_an_ordinary_start(zone, daemon):
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     main = daemon.inner_pid
     lines = [str(record) for record in daemon.records if record.tid == main]
     # Descriptors are what they are.
@@ -125,7 +124,7 @@ def test_the_order_of_an_ordinary_start(zone, daemon):
 
 
 def test_it_leaves_its_directory_umask_and_command_line_alone(zone, daemon):
-    wrap(daemon, "cd /tmp", "umask 077", arguments="--help stop nonsense").start(wait=PROGRAM_READY)
+    wrap(daemon, "cd /tmp", "umask 077", arguments="--help stop nonsense").start(wait=READY)
     assert os.path.samefile(f"/proc/{daemon.pid}/cwd", f"/proc/{daemon.pid}/root")
     status = daemon.root.path(f"/proc/{daemon.inner_pid}/status").read_text()
     assert "Umask:\t0000\n" in status
@@ -134,7 +133,7 @@ def test_it_leaves_its_directory_umask_and_command_line_alone(zone, daemon):
 
 
 def test_only_sigterm_is_caught(zone, daemon):
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     status = daemon.root.path(f"/proc/{daemon.inner_pid}/status").read_text()
     caught = int(re.search(r"SigCgt:\t(\w+)", status)[1], 16)
     for number in (signal.SIGINT, signal.SIGHUP, signal.SIGQUIT, signal.SIGUSR1, signal.SIGCHLD):
@@ -149,7 +148,7 @@ def test_only_sigterm_is_caught(zone, daemon):
 
 
 def test_a_second_instance_is_refused_and_the_first_goes_on(zone, daemon, root):
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     first, before = daemon.inner_pid, root.path(LOCK).stat()
     mark = daemon.mark()
     second = Daemon(root).start()
@@ -175,13 +174,13 @@ def test_a_second_instance_is_refused_and_the_first_goes_on(zone, daemon, root):
 
 def test_what_a_killed_daemon_leaves_stops_nobody(zone, daemon, root):
     for number in (signal.SIGKILL, signal.SIGHUP):
-        daemon.start(wait=PROGRAM_READY)
+        daemon.start(wait=READY)
         daemon.signal(number)
         assert daemon.wait_exit() == -number
         assert root.exists(LOCK)
     mark = daemon.mark()
     daemon.start()
-    daemon.wait_for(PROGRAM_READY, after=mark)
+    daemon.wait_for(READY, after=mark)
     assert daemon.bodies("error", after=mark).count("Failed to get zone manager lock") == 0
     assert daemon.stop() == 0
     assert not root.exists(LOCK)
@@ -189,7 +188,7 @@ def test_what_a_killed_daemon_leaves_stops_nobody(zone, daemon, root):
 
 def test_a_stale_lock_file_is_locked_again(zone, daemon, root):
     root.write(LOCK, "4711\n")
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     assert root.read(LOCK) == "4711\n"
     assert daemon.find("lock path") is None
     assert daemon.stop() == 0
@@ -197,7 +196,7 @@ def test_a_stale_lock_file_is_locked_again(zone, daemon, root):
 
 
 def test_lock_and_directories_get_their_modes(zone, daemon, root):
-    wrap(daemon, "umask 077").start(wait=PROGRAM_READY)
+    wrap(daemon, "umask 077").start(wait=READY)
     assert mode(root, LOCK) == 0o660
     for directory in ("/run/lxc/lock", "/run/lxc/pid", "/opt/var/lib/lxc/red"):
         assert mode(root, directory) == 0o755, directory
@@ -206,7 +205,7 @@ def test_lock_and_directories_get_their_modes(zone, daemon, root):
 
 
 def test_the_lock_file_may_be_gone_at_the_end(zone, daemon, root):
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     root.remove(LOCK)
     assert daemon.stop() == 0
     gone = f'Failed to call remove() syscall - {LOCK} - "No such file or directory"'
@@ -311,7 +310,7 @@ def test_a_lock_directory_that_only_seems_missing_is_accepted(zone, daemon, root
 
 def test_a_pid_directory_that_only_seems_missing_is_accepted(zone, daemon, root):
     root.path("/run/lxc/pid").symlink_to("/run/nowhere")
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     record = daemon.find("The container pidfile path(/var/run/lxc/pid) does exist")
     assert record.level == "info"
 
@@ -329,7 +328,7 @@ def test_a_lock_file_that_cannot_be_opened_ends_the_start(zone, daemon, root):
 def test_a_writable_pid_directory_is_not_ensured_again(zone, daemon, root, there, checks):
     if there:
         root.mkdir("/run/lxc/pid")
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     # Once for the lock, once at start-up, once more only for the directory of the pid files.
     assert daemon.count('"/var/run/lxc" smack label is "') == checks
     assert daemon.count("pidfile path") == (0 if there else 1)
@@ -372,7 +371,7 @@ SECURE = "/opt/zone/template/securedata"
 )
 def test_failures_of_the_template_directories_are_only_told(zone, daemon, root, prepare, errors):
     prepare(root)
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     assert [body for body in daemon.bodies("error") if "/opt/zone/" in body] == errors
     assert daemon.stop() == 0
 
@@ -380,7 +379,7 @@ def test_failures_of_the_template_directories_are_only_told(zone, daemon, root, 
 def test_missing_template_directories_are_made(zone, daemon, root):
     root.remove("/opt/zone")
     root.mkdir("/opt/zone")
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     assert mode(root, "/opt/zone/template") == mode(root, SECURE) == 0o755
     for path in ("/opt/zone/template", SECURE):
         missing = f'The contianer path({path}) does not exist - "No such file or directory"'

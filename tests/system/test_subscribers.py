@@ -12,20 +12,20 @@ import pytest
 from zonetest import (
     EXIT,
     PRIORITY,
+    READY,
     STATE,
     Client,
     Message,
     Subscriber,
     ask_init_pid,
+    busy_monitor,
     eventually,
-    init_pid_address,
     never,
     publisher_address,
     send_messages,
     send_states,
 )
 
-READY = "thread running check timer is terminated"
 LISTED = "client connection is added to GIO Channel List[client fd : "
 GONE = "Current client connection count[count : "
 MANY = 200
@@ -57,16 +57,6 @@ def plain(daemon, mark):
     """The monitor's messages from a mark on, without thread ids."""
     lines = [str(record) for record in daemon.records[mark:]]
     return [re.sub(r"\[zone-monitor:\d+\]", "[zone-monitor]", line) for line in lines]
-
-
-@contextlib.contextmanager
-def busy(daemon):
-    """Meanwhile the monitor's thread waits for the question of an init-pid client; what comes lies there, and
-    is there all at once for it afterwards."""
-    mark = daemon.mark()
-    with Client(daemon.root, init_pid_address()):
-        daemon.wait_for("is connected[listen socket", after=mark)
-        yield
 
 
 def numbered(first, count):
@@ -340,7 +330,7 @@ def test_a_subscriber_that_closes_between_two_messages(red, daemon, root):
     assert leaving.next() == staying.next() == Message.state("red", "FREEZING")
     mark = daemon.mark()
     # Both at once for the daemon: the message is relayed before the hang-up is seen.
-    with busy(daemon):
+    with busy_monitor(daemon):
         send_states(root, "red", "FROZEN")
         leaving.close()
     daemon.wait_order(

@@ -5,7 +5,7 @@ import threading
 import time
 
 import pytest
-from zonetest import eventually, init_pid_address, send_states
+from zonetest import READY, eventually, init_pid_address, send_states
 
 SEED = 20261121
 ROUNDS = 20  # in each of the ten tests below: 200 moments in all
@@ -52,7 +52,7 @@ def start_until_loop_runs(daemon):
     """The main loop runs when it has dispatched its first timer."""
     mark = daemon.mark()
     daemon.start()
-    daemon.wait_for("thread running check timer is terminated", timeout=30, after=mark)
+    daemon.wait_for(READY, timeout=30, after=mark)
     return mark
 
 

@@ -6,9 +6,8 @@ import struct
 import time
 
 import pytest
-from zonetest import eventually
+from zonetest import READY, eventually
 
-PROGRAM_READY = "thread running check timer is terminated"
 LAST_LINE = "ZoneManager is terminated..."
 JOURNAL = "/run/systemd/journal/socket"
 COLOURS = {
@@ -61,7 +60,7 @@ def receiver(root, path):
 
 def test_every_record_has_the_agreed_form(fake, zone, bus, daemon):
     fake.put("red", "state_null")
-    start(daemon, PROGRAM_READY)
+    start(daemon, READY)
     bus.wait_owned()
     assert bus.call("ZoneGetState", "red") == 0
     daemon.stop()
@@ -93,7 +92,7 @@ def test_records_below_the_level_are_dropped(zone, bus, daemon, level, kept):
 
 
 def test_an_unknown_level_is_told_once_and_all_is_logged(zone, daemon):
-    start(daemon, PROGRAM_READY, ZONE_LOG_LEVEL="loud")
+    start(daemon, READY, ZONE_LOG_LEVEL="loud")
     assert len(daemon.strays) == 1
     assert "ZONE_LOG_LEVEL" in daemon.strays[0]
     assert "loud" in daemon.strays[0]
@@ -102,7 +101,7 @@ def test_an_unknown_level_is_told_once_and_all_is_logged(zone, daemon):
 
 def test_an_unknown_target_is_told_once_and_the_default_holds(zone, daemon, root):
     assert not root.exists(JOURNAL)
-    start(daemon, PROGRAM_READY, ZONE_LOG_TARGET="printer")
+    start(daemon, READY, ZONE_LOG_TARGET="printer")
     assert len(daemon.strays) == 1
     assert "ZONE_LOG_TARGET" in daemon.strays[0]
     assert "printer" in daemon.strays[0]
@@ -142,7 +141,7 @@ WATCHED = {"red": "360 / 15000", "zone-monitor": "180 / 20000", "zone-manager": 
 
 
 def test_every_thread_registers_with_its_own_interval(zone, daemon):
-    start(daemon, PROGRAM_READY)
+    start(daemon, READY)
     main = daemon.inner_pid
     for name, values in WATCHED.items():
         record = daemon.wait_for(f"Watchdog Is registered[{values}](thread name : {name}, tid : ")
@@ -160,7 +159,7 @@ def test_the_service_manager_is_told_that_all_threads_live(zone, daemon, root, a
     with manager:
         manager.settimeout(60)
         began = time.monotonic()
-        start(daemon, PROGRAM_READY, NOTIFY_SOCKET=address)
+        start(daemon, READY, NOTIFY_SOCKET=address)
         told = []
         while len(told) < 3:
             told.append(manager.recv(256))
@@ -170,6 +169,6 @@ def test_the_service_manager_is_told_that_all_threads_live(zone, daemon, root, a
 
 
 def test_a_service_manager_that_is_gone_does_no_harm(zone, daemon):
-    start(daemon, PROGRAM_READY, NOTIFY_SOCKET="/run/nobody")
+    start(daemon, READY, NOTIFY_SOCKET="/run/nobody")
     assert daemon.stop() == 0
     assert other_lines(daemon) == []

@@ -3,14 +3,13 @@
 import re
 
 import pytest
-from zonetest import EXIT, Message, eventually, send_messages, send_states
+from zonetest import EXIT, READY, Message, eventually, send_messages, send_states
 
-PROGRAM_READY = "thread running check timer is terminated"
 RESTART_SENT = "zone event(7) is sent to Zone Manager"
 
 
 def start(daemon, bus):
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     bus.wait_owned()
     return daemon
 
@@ -54,7 +53,7 @@ def test_zones_come_up_strictly_one_after_another(fake, daemon):
         fake.define(name, "hybrid", auto=True)
         running = ("set init_pid PID", "set running 1", "state RUNNING")
         fake.script("start", f"wait go-{name}", *running, name=name)
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     launched = []
     for name in ("alpha", "beta", "gamma"):
         launched.append(name)
@@ -128,7 +127,7 @@ def test_a_failed_start_on_request_is_left_at_that(fake, bus, daemon):
 def test_a_failed_automatic_start_is_tried_again_once_for_each_failure(fake, daemon):
     fake.define("red", auto=True)
     fake.script("start", "exit 1")
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     first = daemon.wait_for("Failed to start red", timeout=15)
     assert first.level == "fatal"
     main = daemon.inner_pid
@@ -275,7 +274,7 @@ def test_a_null_state_counts_as_none(fake, bus, daemon):
 
 def test_a_zone_without_an_init_process_gets_no_watcher(fake, daemon, root):
     fake.define("red", state="RUNNING")
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     send_states(root, "red", "RUNNING", "STARTING")
     error = daemon.wait_for(on_thread(daemon, "Failed to get initpid of red"), timeout=15)
     assert error.level == "error"
@@ -285,7 +284,7 @@ def test_a_zone_without_an_init_process_gets_no_watcher(fake, daemon, root):
 
 def test_a_zone_has_one_watcher_at_a_time(fake, daemon, root):
     fake.define("red", state="RUNNING", init_pid=77)
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     send_states(root, "red", "RUNNING", "RUNNING", "STOPPED", "STOPPED", "RUNNING")
     eventually(lambda: daemon.count("Starting zone watcher timer") == 3, 40, "three watchers")
     tid = daemon.find("Release previous").tid
@@ -311,7 +310,7 @@ def test_the_watcher_starts_a_zone_again_whose_init_process_is_another_or_gone(f
     fake.script("start", "set running 0", "exit 1", name="failing")
     fake.script("start", "set init_pid 79", "set running 1", name="changed")
     fake.script("start", "set running 1", name="gone")
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     for name in ("changed", "failing", "gone", "same"):
         send_states(root, name, "RUNNING")
         daemon.wait_for(f"The init pid(77) of zone({name}) is set", timeout=20)
@@ -374,7 +373,7 @@ def test_a_zone_that_dies_while_it_should_run_is_started_again(fake, bus, daemon
 
 def test_a_zone_that_nobody_started_is_not_started_again(fake, daemon, root):
     fake.define("red", state="RUNNING", init_pid=77)
-    daemon.start(wait=PROGRAM_READY)
+    daemon.start(wait=READY)
     send_states(root, "red", "RUNNING")
     send_messages(root, Message(EXIT, "red", 9))
     send_states(root, "red", "STOPPED")

@@ -70,13 +70,14 @@ from .clients import (
     Message,
     Subscriber,
     ask_init_pid,
+    busy_monitor,
     fifo_path,
     init_pid_address,
     publisher_address,
     send_messages,
     send_states,
 )
-from .daemon import Daemon
+from .daemon import READY, Daemon
 from .fakelxc import FakeLxc
 from .polling import Timeout, eventually, never
 from .records import Record
@@ -98,6 +99,7 @@ __all__ = [
     "PROJECT",
     "PrivateRoot",
     "Process",
+    "READY",
     "RealZones",
     "Record",
     "SANITIZE",
@@ -107,6 +109,7 @@ __all__ = [
     "Subscriber",
     "Timeout",
     "ask_init_pid",
+    "busy_monitor",
     "control_groups_of",
     "eventually",
     "fifo_path",

@@ -1,5 +1,6 @@
 """What talks to the daemon over its sockets and its FIFO."""
 
+import contextlib
 import ctypes
 import os
 import platform
@@ -164,3 +165,13 @@ def send_messages(root, *messages, lxc_path=LXC_PATH):
 def send_states(root, name, *words, lxc_path=LXC_PATH):
     """Reports these states of a container, one after another."""
     send_messages(root, *(Message.state(name, word) for word in words), lxc_path=lxc_path)
+
+
+@contextlib.contextmanager
+def busy_monitor(daemon):
+    """Meanwhile the monitor's thread waits for the question of an init-pid client; what comes lies there, and
+    is there all at once for it afterwards."""
+    mark = daemon.mark()
+    with Client(daemon.root, init_pid_address()):
+        daemon.wait_for("is connected[listen socket", after=mark)
+        yield

@@ -10,6 +10,8 @@ from .polling import SCALE, eventually, never
 from .root import BUILD, SANITIZE
 
 TAIL = 60
+# What the daemon writes when all that it starts on its own is running.
+READY = "thread running check timer is terminated"
 SHAKE = os.environ.get("ZONE_SHAKE")
 _SANITIZER = re.compile(
     r"AddressSanitizer|ThreadSanitizer|LeakSanitizer|UndefinedBehaviorSanitizer|runtime error:"
