@@ -75,6 +75,13 @@ TEST_F(ThreadTeardown, TheGateStaysOpenUntilTheLoopStarts)
     endLoop(thread);
 }
 
+TEST_F(ThreadTeardown, ARefusedSecondRunKeepsNobodyInside)
+{
+    RunningThread thread("zone");
+    ASSERT_TRUE(thread.probe.run());
+    EXPECT_TRUE(eventually([&] { return thread.probe.closeGate(); }));
+}
+
 TEST_F(ThreadTeardown, TheGateStaysOpenWhileACallbackGoesOn)
 {
     RunningThread thread("zone");
