@@ -66,7 +66,8 @@ def calls(folder=PROJECT / "source"):
     return found
 
 
-def _expression(text):
+def expression(text):
+    """What the bodies of a message's records look like."""
     pattern, position = "", 0
     for match in _CONVERSION.finditer(text):
         pattern += re.escape(text[position : match.start()]) + _PATTERNS[match[1]]
@@ -82,14 +83,14 @@ class Checker:
         self._expressions = {}
         for message in messages:
             key = (message.level, message.file, message.func)
-            self._expressions.setdefault(key, []).append(_expression(message.text))
+            self._expressions.setdefault(key, []).append(expression(message.text))
 
     def complaint(self, record):
         """What is wrong with a record; empty when nothing, or when none of the catalogue's files wrote it."""
         if record.file not in self._files:
             return ""
         known = self._expressions.get((record.level, record.file, record.func), ())
-        if not any(expression.fullmatch(record.body) for expression in known):
+        if not any(each.fullmatch(record.body) for each in known):
             return "the catalogue has no such message at this level of this function"
         if record.colours != f"01;{COLOURS[record.level]};40":
             return f"these are not the colours of the level: {record.colours}"
