@@ -316,23 +316,7 @@ private:
 
 bool Diagnosis::hasProblems() const
 {
-    return std::any_of(findings.begin(), findings.end(),
-                       [](const Finding& finding) { return finding.severity == Severity::Problem; });
-}
-
-std::string_view severityWord(Severity severity)
-{
-    switch (severity) {
-    case Severity::Ok:
-        return "ok";
-    case Severity::Note:
-        return "note";
-    case Severity::Warning:
-        return "warning";
-    case Severity::Problem:
-        return "problem";
-    }
-    return "";
+    return anyProblem(findings);
 }
 
 std::vector<std::string> refusalReasons(const Machine& machine, const std::string& lxcPath,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Containers.h"
+#include "Findings.h"
 #include "Machine.h"
 
 #include <optional>
@@ -9,23 +10,6 @@
 #include <vector>
 
 namespace Zonectl {
-
-enum class Severity
-{
-    Ok,
-    Note,    ///< good to know
-    Warning, ///< something will not work as it could
-    Problem, ///< the daemon or a zone will not work
-};
-
-/// One thing that was looked at.
-struct Finding
-{
-    std::string subject;
-    Severity severity;
-    std::string text;
-    std::string remedy; ///< what to do; empty when nothing is to be done
-};
 
 /// A container that the daemon lists and does not take as a zone.
 struct RefusedContainer
@@ -46,9 +30,6 @@ struct Diagnosis
     [[nodiscard]] bool automaticStartBlocked() const { return !refused.empty(); }
     [[nodiscard]] bool hasProblems() const;
 };
-
-/// The word of a severity: "ok", "note", "warning", "problem".
-[[nodiscard]] std::string_view severityWord(Severity severity);
 
 /// Why the daemon would refuse the container; empty when it takes it.
 [[nodiscard]] std::vector<std::string> refusalReasons(const Machine& machine, const std::string& lxcPath,

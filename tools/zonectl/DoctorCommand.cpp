@@ -8,32 +8,6 @@ namespace Zonectl {
 
 namespace {
 
-[[nodiscard]] Tone toneOf(Severity severity)
-{
-    switch (severity) {
-    case Severity::Ok:
-        return Tone::Good;
-    case Severity::Note:
-        return Tone::Muted;
-    case Severity::Warning:
-        return Tone::Warning;
-    case Severity::Problem:
-        return Tone::Bad;
-    }
-    return Tone::Plain;
-}
-
-void printFinding(const Finding& finding, const Style& style)
-{
-    std::string word(severityWord(finding.severity));
-    word.resize(9, ' ');
-    std::cout << style.paint(toneOf(finding.severity), word) << printable(finding.subject) << ": "
-              << printable(finding.text) << "\n";
-    if (!finding.remedy.empty()) {
-        std::cout << "         -> " << printable(finding.remedy) << "\n";
-    }
-}
-
 /// Everybody meets this once, and nothing in the daemon's behaviour points at the cause.
 void printAlarm(const Diagnosis& diagnosis, const Style& style)
 {
@@ -80,15 +54,9 @@ void printJson(const Diagnosis& diagnosis)
         }
         json.endArray().endObject();
     }
-    json.endArray().name("findings").beginArray();
-    for (const Finding& finding : diagnosis.findings) {
-        json.beginObject().name("subject").text(finding.subject);
-        json.name("severity").text(severityWord(finding.severity));
-        json.name("text").text(finding.text).name("remedy");
-        finding.remedy.empty() ? json.null() : json.text(finding.remedy);
-        json.endObject();
-    }
-    json.endArray().endObject();
+    json.endArray().name("findings");
+    writeFindings(json, diagnosis.findings);
+    json.endObject();
     std::cout << json.finish(JsonWriter::Layout::Indented) << "\n";
 }
 
