@@ -23,21 +23,24 @@ constexpr std::array COMMANDS = {
             doctorCommand},
     Command{"labels", "[--root DIR]", "the Smack labels that are and that should be", 0, 0, false, true,
             labelsCommand},
+    Command{"explain", "[--file FILE] [NAME]", "what the daemon's log tells of a zone, or of all", 0, 1,
+            false, false, explainCommand, true},
 };
 
 constexpr std::string_view OPTIONS_HELP =
     "Options:\n"
     "  --json             machine-readable output\n"
-    "  --timeout SECONDS  how long a call, --wait or watch may last\n"
-    "                     (30 for calls and --wait, without end for watch)\n"
+    "  --timeout SECONDS  how long a call, --wait, watch or explain may last\n"
+    "                     (30, without end for watch)\n"
     "  --color=WHEN       auto, always or never\n"
     "  --wait             start, stop, unfreeze: wait until it has happened\n"
     "  --root DIR         doctor, labels: look at the system below DIR\n"
+    "  --file FILE        explain: read the log in FILE, - for standard input\n"
     "  --version          the version of this program\n"
     "  -h, --help         this text, or that of a command\n"
     "\n"
     "Exit status: 0 done, 1 refused, failed or problems found, 2 wrong usage,\n"
-    "3 the bus or the daemon cannot be reached.\n";
+    "3 the bus or the daemon cannot be reached, 4 the log does not end in time.\n";
 
 [[nodiscard]] const Command* findCommand(std::string_view name)
 {
@@ -91,6 +94,9 @@ void checkUsage(const Command& command, const Options& options)
     }
     if (!options.root.empty() && !command.takesRoot) {
         throw Failure(EXIT_USAGE, "--root has no meaning for " + std::string(command.name));
+    }
+    if (!options.file.empty() && !command.takesFile) {
+        throw Failure(EXIT_USAGE, "--file has no meaning for " + std::string(command.name));
     }
 }
 

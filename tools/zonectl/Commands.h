@@ -23,6 +23,7 @@ struct Command
     bool takesWait;
     bool takesRoot;
     Handler handler;
+    bool takesFile = false;
 };
 
 /// Runs what the command line asks for and returns the exit status. Throws Failure.
@@ -41,5 +42,6 @@ struct Command
 [[nodiscard]] ExitStatus watchCommand(const Options& options, const Style& style);
 [[nodiscard]] ExitStatus doctorCommand(const Options& options, const Style& style);
 [[nodiscard]] ExitStatus labelsCommand(const Options& options, const Style& style);
+[[nodiscard]] ExitStatus explainCommand(const Options& options, const Style& style);
 
 } // namespace Zonectl

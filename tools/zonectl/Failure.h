@@ -12,6 +12,7 @@ enum ExitStatus
     EXIT_FAILED = 1,      ///< refused by the daemon, failed, or problems were found
     EXIT_USAGE = 2,       ///< the command line makes no sense
     EXIT_UNREACHABLE = 3, ///< no bus, no daemon on it, or no answer from it
+    EXIT_TIME_LIMIT = 4,  ///< what is waited for did not come in time
 };
 
 /// Ends a command: one line for standard error and the exit status. Thrown by commands, caught by `main`.

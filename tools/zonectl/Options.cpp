@@ -111,7 +111,8 @@ Options parseOptions(const std::vector<std::string>& arguments)
     char* color = nullptr;
     char* timeout = nullptr;
     char* root = nullptr;
-    const std::array<GOptionEntry, 8> entries = {{
+    char* file = nullptr;
+    const std::array<GOptionEntry, 9> entries = {{
         {"help", 'h', 0, G_OPTION_ARG_NONE, &help, nullptr, nullptr},
         {"version", 0, 0, G_OPTION_ARG_NONE, &version, nullptr, nullptr},
         {"json", 0, 0, G_OPTION_ARG_NONE, &json, nullptr, nullptr},
@@ -119,6 +120,7 @@ Options parseOptions(const std::vector<std::string>& arguments)
         {"color", 0, 0, G_OPTION_ARG_STRING, &color, nullptr, nullptr},
         {"timeout", 0, 0, G_OPTION_ARG_STRING, &timeout, nullptr, nullptr},
         {"root", 0, 0, G_OPTION_ARG_STRING, &root, nullptr, nullptr},
+        {"file", 0, 0, G_OPTION_ARG_STRING, &file, nullptr, nullptr},
         {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
     }};
 
@@ -133,6 +135,7 @@ Options parseOptions(const std::vector<std::string>& arguments)
     const StringPtr colorText(color);
     const StringPtr timeoutText(timeout);
     const StringPtr rootText(root);
+    const StringPtr fileText(file);
     if (!parsed) {
         throw Failure(EXIT_USAGE, error ? error->message : "the command line cannot be read");
     }
@@ -153,6 +156,12 @@ Options parseOptions(const std::vector<std::string>& arguments)
     }
     if (rootText) {
         options.root = rootDirectory(rootText.get());
+    }
+    if (fileText) {
+        if (*fileText == '\0') {
+            throw Failure(EXIT_USAGE, "--file takes the name of a file, or -");
+        }
+        options.file = fileText.get();
     }
     takePositionals(rest, options);
     return options;

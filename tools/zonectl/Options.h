@@ -25,6 +25,7 @@ struct Options
     ColorMode color = ColorMode::Automatic;
     std::optional<std::chrono::seconds> timeout; ///< as given with --timeout
     std::string root;                            ///< empty for the running machine
+    std::string file;                            ///< empty when none was given
     std::string command;                         ///< empty when none was given
     std::vector<std::string> arguments;          ///< what follows the command
 
