@@ -25,6 +25,8 @@ constexpr std::array COMMANDS = {
             labelsCommand},
     Command{"explain", "[--file FILE] [NAME]", "what the daemon's log tells of a zone, or of all", 0, 1,
             false, false, explainCommand, true},
+    Command{"leftovers", "[--clean [--yes]] [--root DIR]", "what earlier runs left behind", 0, 0, false, true,
+            leftoversCommand, false, true},
 };
 
 constexpr std::string_view OPTIONS_HELP =
@@ -34,7 +36,9 @@ constexpr std::string_view OPTIONS_HELP =
     "                     (30, without end for watch)\n"
     "  --color=WHEN       auto, always or never\n"
     "  --wait             start, stop, unfreeze: wait until it has happened\n"
-    "  --root DIR         doctor, labels: look at the system below DIR\n"
+    "  --clean            leftovers: remove what was found, asking before each removal\n"
+    "  --yes              with --clean: do not ask\n"
+    "  --root DIR         doctor, labels, leftovers: look at the system below DIR\n"
     "  --file FILE        explain: read the log in FILE, - for standard input\n"
     "  --version          the version of this program\n"
     "  -h, --help         this text, or that of a command\n"
@@ -91,6 +95,10 @@ void checkUsage(const Command& command, const Options& options)
     }
     if (options.wait && !command.takesWait) {
         throw Failure(EXIT_USAGE, "--wait has no meaning for " + std::string(command.name));
+    }
+    if ((options.clean || options.yes) && !command.takesClean) {
+        throw Failure(EXIT_USAGE, std::string(options.clean ? "--clean" : "--yes") + " has no meaning for " +
+                                      std::string(command.name));
     }
     if (!options.root.empty() && !command.takesRoot) {
         throw Failure(EXIT_USAGE, "--root has no meaning for " + std::string(command.name));

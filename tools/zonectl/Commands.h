@@ -24,6 +24,7 @@ struct Command
     bool takesRoot;
     Handler handler;
     bool takesFile = false;
+    bool takesClean = false; ///< and --yes with it
 };
 
 /// Runs what the command line asks for and returns the exit status. Throws Failure.
@@ -43,5 +44,6 @@ struct Command
 [[nodiscard]] ExitStatus doctorCommand(const Options& options, const Style& style);
 [[nodiscard]] ExitStatus labelsCommand(const Options& options, const Style& style);
 [[nodiscard]] ExitStatus explainCommand(const Options& options, const Style& style);
+[[nodiscard]] ExitStatus leftoversCommand(const Options& options, const Style& style);
 
 } // namespace Zonectl

@@ -7,6 +7,7 @@
 #include <sstream>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/sysmacros.h>
 #include <sys/xattr.h>
 
 namespace Zonectl {
@@ -50,6 +51,19 @@ bool Machine::isDirectory(const std::string& path) const
     return status && S_ISDIR(status->st_mode);
 }
 
+std::optional<FileStatus> Machine::status(const std::string& path) const
+{
+    const auto found = statusOf(at(path));
+    if (!found) {
+        return std::nullopt;
+    }
+    return FileStatus{.isFifo = S_ISFIFO(found->st_mode),
+                      .modified = found->st_mtim.tv_sec,
+                      .deviceMajor = major(found->st_dev),
+                      .deviceMinor = minor(found->st_dev),
+                      .inode = found->st_ino};
+}
+
 bool Machine::onReadOnlyMount(const std::string& path) const
 {
     struct statvfs status = {};
@@ -70,6 +84,10 @@ std::optional<std::string> Machine::read(const std::string& path) const
 {
     std::ifstream file(at(path), std::ios::binary);
     std::ostringstream text;
+    // Copying nothing counts as a failure of the stream, so that an empty file is looked for first.
+    if (file && file.peek() == std::ifstream::traits_type::eof() && !file.bad()) {
+        return std::string();
+    }
     if (!file || !(text << file.rdbuf())) {
         return std::nullopt;
     }

@@ -1,11 +1,28 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace Zonectl {
+
+/// What the file system knows of a file.
+struct FileStatus
+{
+    bool isFifo = false;
+    std::int64_t modified = 0; ///< seconds since the epoch
+    unsigned int deviceMajor = 0;
+    unsigned int deviceMinor = 0;
+    std::uint64_t inode = 0;
+
+    /// Whether both are the same file, under whatever path.
+    [[nodiscard]] bool sameFileAs(const FileStatus& other) const
+    {
+        return deviceMajor == other.deviceMajor && deviceMinor == other.deviceMinor && inode == other.inode;
+    }
+};
 
 /// A system's files: the running machine's, or those below another root. Only looks, never changes.
 /// All paths are absolute paths of that system.
@@ -25,11 +42,13 @@ public:
     /// Whether the path is a regular file that somebody may execute.
     [[nodiscard]] bool isProgram(const std::string& path) const;
     [[nodiscard]] bool isDirectory(const std::string& path) const;
+    /// What is known of the file that the path leads to; nothing when there is none.
+    [[nodiscard]] std::optional<FileStatus> status(const std::string& path) const;
     /// Whether the path lies on a read-only mount; false when that cannot be found out.
     [[nodiscard]] bool onReadOnlyMount(const std::string& path) const;
     /// The path's Smack label; nothing when it has none or it cannot be read.
     [[nodiscard]] std::optional<std::string> label(const std::string& path) const;
-    /// The file's text; nothing when it cannot be read.
+    /// The file's text, which may be empty; nothing when it cannot be read.
     [[nodiscard]] std::optional<std::string> read(const std::string& path) const;
     /// The names in a directory, sorted by bytes; empty when it cannot be read.
     [[nodiscard]] std::vector<std::string> entries(const std::string& path) const;

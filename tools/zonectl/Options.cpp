@@ -108,15 +108,19 @@ Options parseOptions(const std::vector<std::string>& arguments)
     gboolean version = FALSE;
     gboolean json = FALSE;
     gboolean wait = FALSE;
+    gboolean clean = FALSE;
+    gboolean yes = FALSE;
     char* color = nullptr;
     char* timeout = nullptr;
     char* root = nullptr;
     char* file = nullptr;
-    const std::array<GOptionEntry, 9> entries = {{
+    const std::array<GOptionEntry, 11> entries = {{
         {"help", 'h', 0, G_OPTION_ARG_NONE, &help, nullptr, nullptr},
         {"version", 0, 0, G_OPTION_ARG_NONE, &version, nullptr, nullptr},
         {"json", 0, 0, G_OPTION_ARG_NONE, &json, nullptr, nullptr},
         {"wait", 0, 0, G_OPTION_ARG_NONE, &wait, nullptr, nullptr},
+        {"clean", 0, 0, G_OPTION_ARG_NONE, &clean, nullptr, nullptr},
+        {"yes", 0, 0, G_OPTION_ARG_NONE, &yes, nullptr, nullptr},
         {"color", 0, 0, G_OPTION_ARG_STRING, &color, nullptr, nullptr},
         {"timeout", 0, 0, G_OPTION_ARG_STRING, &timeout, nullptr, nullptr},
         {"root", 0, 0, G_OPTION_ARG_STRING, &root, nullptr, nullptr},
@@ -145,6 +149,8 @@ Options parseOptions(const std::vector<std::string>& arguments)
     options.version = version != FALSE;
     options.json = json != FALSE;
     options.wait = wait != FALSE;
+    options.clean = clean != FALSE;
+    options.yes = yes != FALSE;
     if (colorText) {
         options.color = colorMode(colorText.get());
     }

@@ -22,6 +22,8 @@ struct Options
     bool version = false;
     bool json = false;
     bool wait = false;
+    bool clean = false;
+    bool yes = false;
     ColorMode color = ColorMode::Automatic;
     std::optional<std::chrono::seconds> timeout; ///< as given with --timeout
     std::string root;                            ///< empty for the running machine

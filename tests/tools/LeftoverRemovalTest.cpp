@@ -1,0 +1,196 @@
+#include "LeftoverRemoval.h"
+
+#include "ControlGroups.h"
+#include "ProcessTable.h"
+#include "TemporaryTree.h"
+
+#include <csignal>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace Zonectl;
+
+namespace {
+
+/// A child that does nothing until it is killed.
+class Child
+{
+public:
+    Child() : number(fork())
+    {
+        if (number == 0) {
+            for (;;) {
+                pause();
+            }
+        }
+    }
+    ~Child() { static_cast<void>(end()); }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    [[nodiscard]] Leftover asLeftover() const
+    {
+        const auto process = readProcess(Machine(""), number);
+        return {.kind = LeftoverKind::Init, .pid = number, .startTicks = process->startTicks};
+    }
+    /// Whether the child still runs; a dead one that nobody has waited for does not.
+    [[nodiscard]] bool running() const
+    {
+        siginfo_t info{};
+        return waitid(P_PID, static_cast<id_t>(number), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+               info.si_pid == 0;
+    }
+    /// Ends it, if it runs, and tells the signal that did.
+    int end()
+    {
+        if (number > 0) {
+            int status = 0;
+            kill(number, SIGTERM);
+            waitpid(number, &status, 0);
+            number = -1;
+            endedBy = WTERMSIG(status);
+        }
+        return endedBy;
+    }
+
+private:
+    pid_t number;
+    int endedBy = 0;
+};
+
+[[nodiscard]] std::string textOf(const std::string& path)
+{
+    return Machine("").read(path).value_or("(none)");
+}
+
+} // namespace
+
+TEST(RemoveLeftover, KillsTheProcessThatWasFound)
+{
+    Child child;
+    EXPECT_EQ(removeLeftover(child.asLeftover()), "");
+    EXPECT_FALSE(child.running());
+    EXPECT_EQ(child.end(), SIGKILL);
+}
+
+TEST(RemoveLeftover, SparesAProcessThatGotTheNumberLater)
+{
+    Child child;
+    Leftover leftover = child.asLeftover();
+    ++leftover.startTicks;
+    EXPECT_EQ(removeLeftover(leftover), "");
+    EXPECT_TRUE(child.running());
+    EXPECT_EQ(child.end(), SIGTERM);
+}
+
+TEST(RemoveLeftover, SparesWhatIsOnlyNamed)
+{
+    Child child;
+    Leftover leftover = child.asLeftover();
+    leftover.removable = false;
+    EXPECT_NE(removeLeftover(leftover), "");
+    leftover.removable = true;
+    leftover.harmless = true;
+    EXPECT_NE(removeLeftover(leftover), "");
+    EXPECT_TRUE(child.running());
+}
+
+TEST(RemoveLeftover, ThawsWithTheKill)
+{
+    const TemporaryTree tree;
+    tree.write("/freezer.state", "");
+    const Child child;
+    Leftover leftover = child.asLeftover();
+    leftover.thaws = {{tree.root() + "/freezer.state", "THAWED"}};
+    EXPECT_EQ(removeLeftover(leftover), "");
+    EXPECT_EQ(textOf(tree.root() + "/freezer.state"), "THAWED");
+}
+
+TEST(RemoveLeftover, RemovesControlGroupsFromTheLeavesUp)
+{
+    const TemporaryTree tree;
+    tree.makeDirectory("/cpu/red/deep/deeper");
+    tree.makeDirectory("/memory/red");
+    const Leftover leftover{.kind = LeftoverKind::ControlGroup,
+                            .paths = {tree.root() + "/cpu/red", tree.root() + "/memory/red"}};
+    EXPECT_EQ(removeLeftover(leftover), "");
+    EXPECT_FALSE(std::filesystem::exists(tree.root() + "/cpu/red"));
+    EXPECT_FALSE(std::filesystem::exists(tree.root() + "/memory/red"));
+    EXPECT_TRUE(std::filesystem::exists(tree.root() + "/cpu"));
+    EXPECT_EQ(removeLeftover(leftover), "") << "gone by itself is as good";
+}
+
+TEST(RemoveLeftover, TouchesNothingOfAGroupWithProcesses)
+{
+    const TemporaryTree tree;
+    tree.makeDirectory("/cpu/red/empty");
+    const Leftover leftover{.kind = LeftoverKind::ControlGroup,
+                            .container{},
+                            .paths = {tree.root() + "/cpu/red"},
+                            .populated = true};
+    EXPECT_NE(removeLeftover(leftover), "");
+    EXPECT_TRUE(std::filesystem::exists(tree.root() + "/cpu/red/empty"));
+}
+
+TEST(RemoveLeftover, TellsWhatCouldNotBeRemoved)
+{
+    const TemporaryTree tree;
+    tree.write("/cpu/red/file", "");
+    tree.makeDirectory("/memory/red");
+    const Leftover leftover{.kind = LeftoverKind::ControlGroup,
+                            .paths = {tree.root() + "/cpu/red", tree.root() + "/memory/red"}};
+    EXPECT_EQ(removeLeftover(leftover), tree.root() + "/cpu/red: Directory not empty");
+    EXPECT_FALSE(std::filesystem::exists(tree.root() + "/memory/red")) << "the others go all the same";
+}
+
+TEST(RemoveLeftover, RemovesAPidFile)
+{
+    const TemporaryTree tree;
+    tree.write("/red.pid", "1");
+    const Leftover leftover{.kind = LeftoverKind::PidFile, .paths = {tree.root() + "/red.pid"}};
+    EXPECT_EQ(removeLeftover(leftover), "");
+    EXPECT_FALSE(std::filesystem::exists(tree.root() + "/red.pid"));
+}
+
+TEST(RemoveLeftover, ThawsAGroup)
+{
+    const TemporaryTree tree;
+    tree.write("/cgroup.freeze", "");
+    Leftover leftover{.kind = LeftoverKind::Frozen, .thaws = {{tree.root() + "/cgroup.freeze", "0"}}};
+    EXPECT_EQ(removeLeftover(leftover), "");
+    EXPECT_EQ(textOf(tree.root() + "/cgroup.freeze"), "0");
+    leftover.thaws = {{tree.root() + "/missing", "0"}};
+    EXPECT_EQ(removeLeftover(leftover), tree.root() + "/missing: No such file or directory");
+}
+
+TEST(RemoveLeftover, LeavesLocksAlone)
+{
+    const TemporaryTree tree;
+    tree.write("/lock", "");
+    for (const LeftoverKind kind : {LeftoverKind::MonitorFifo, LeftoverKind::InstanceLock}) {
+        EXPECT_NE(removeLeftover({.kind = kind, .paths = {tree.root() + "/lock"}}), "");
+        EXPECT_TRUE(std::filesystem::exists(tree.root() + "/lock"));
+    }
+}
+
+TEST(CgroupMounts, UndoesTheEscapesOfTheMountTable)
+{
+    const TemporaryTree tree;
+    tree.write("/proc/self/mounts", "cgroup /sys/fs/cgroup/a\\040b\\134 cgroup rw 0 0\n"
+                                    "proc /proc proc rw 0 0\n"
+                                    "cgroup /sys/fs/cgroup/c\\04 cgroup rw 0 0\n"
+                                    "other /sys/fs/cgroup/c\\04 cgroup2 rw 0 0\n"
+                                    "garbage\n");
+    EXPECT_EQ(cgroupMounts(Machine(tree.root())),
+              (std::vector<std::string>{"/sys/fs/cgroup/a b\\", "/sys/fs/cgroup/c\\04"}));
+}
+
+TEST(WithoutCopyNumber, TakesOneNumberAway)
+{
+    EXPECT_EQ(withoutCopyNumber("red-1"), "red");
+    EXPECT_EQ(withoutCopyNumber("red-1-27"), "red-1");
+    for (const char* whole : {"red", "red-", "-1", "red1", "17", "", "red-1a"}) {
+        EXPECT_EQ(withoutCopyNumber(whole), whole);
+    }
+}
