@@ -73,7 +73,7 @@ def test_only_root_may_look():
 
 def test_help_names_its_options():
     text = leftovers("--help").stdout
-    assert text.startswith("Usage: zonectl [OPTION...] leftovers [--clean [--yes]] [--root DIR]\n")
+    assert text.startswith("Usage: zonectl [OPTION...] leftovers [--clean [--yes]]\n")
 
 
 def test_nothing_found(machine):

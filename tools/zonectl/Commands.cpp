@@ -25,7 +25,7 @@ constexpr std::array COMMANDS = {
             labelsCommand},
     Command{"explain", "[--file FILE] [NAME]", "what the daemon's log tells of a zone, or of all", 0, 1,
             false, false, explainCommand, true},
-    Command{"leftovers", "[--clean [--yes]] [--root DIR]", "what earlier runs left behind", 0, 0, false, true,
+    Command{"leftovers", "[--clean [--yes]]", "what earlier runs left behind", 0, 0, false, true,
             leftoversCommand, false, true},
 };
 
@@ -36,7 +36,7 @@ constexpr std::string_view OPTIONS_HELP =
     "                     (30, without end for watch)\n"
     "  --color=WHEN       auto, always or never\n"
     "  --wait             start, stop, unfreeze: wait until it has happened\n"
-    "  --clean            leftovers: remove what was found, asking before each removal\n"
+    "  --clean            leftovers: remove what was found, asking for each\n"
     "  --yes              with --clean: do not ask\n"
     "  --root DIR         doctor, labels, leftovers: look at the system below DIR\n"
     "  --file FILE        explain: read the log in FILE, - for standard input\n"
