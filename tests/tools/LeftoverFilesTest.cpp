@@ -92,6 +92,16 @@ TEST(LeftoverPidFiles, OfAProcessThatIsGone)
     EXPECT_EQ(found[0].why, "process 4711 is gone");
 }
 
+TEST(LeftoverPidFiles, OfAProcessThatIsDeadAndStillCounted)
+{
+    const MachineTree tree;
+    tree.addContainer("red");
+    tree.addProcess({.pid = PROCESS, .state = 'Z'});
+    writePidFile(tree, "4711");
+    ASSERT_EQ(search(tree).size(), 1U);
+    EXPECT_EQ(search(tree)[0].why, "process 4711 is gone");
+}
+
 TEST(LeftoverPidFiles, OfAProcessThatLivesIsNone)
 {
     for (const std::int64_t later : {-3, 0, 1, 3}) {

@@ -1,6 +1,5 @@
 #include "LeftoverRemoval.h"
 
-#include "ControlGroups.h"
 #include "ProcessTable.h"
 #include "TemporaryTree.h"
 
@@ -171,26 +170,5 @@ TEST(RemoveLeftover, LeavesLocksAlone)
     for (const LeftoverKind kind : {LeftoverKind::MonitorFifo, LeftoverKind::InstanceLock}) {
         EXPECT_NE(removeLeftover({.kind = kind, .paths = {tree.root() + "/lock"}}), "");
         EXPECT_TRUE(std::filesystem::exists(tree.root() + "/lock"));
-    }
-}
-
-TEST(CgroupMounts, UndoesTheEscapesOfTheMountTable)
-{
-    const TemporaryTree tree;
-    tree.write("/proc/self/mounts", "cgroup /sys/fs/cgroup/a\\040b\\134 cgroup rw 0 0\n"
-                                    "proc /proc proc rw 0 0\n"
-                                    "cgroup /sys/fs/cgroup/c\\04 cgroup rw 0 0\n"
-                                    "other /sys/fs/cgroup/c\\04 cgroup2 rw 0 0\n"
-                                    "garbage\n");
-    EXPECT_EQ(cgroupMounts(Machine(tree.root())),
-              (std::vector<std::string>{"/sys/fs/cgroup/a b\\", "/sys/fs/cgroup/c\\04"}));
-}
-
-TEST(WithoutCopyNumber, TakesOneNumberAway)
-{
-    EXPECT_EQ(withoutCopyNumber("red-1"), "red");
-    EXPECT_EQ(withoutCopyNumber("red-1-27"), "red-1");
-    for (const char* whole : {"red", "red-", "-1", "red1", "17", "", "red-1a"}) {
-        EXPECT_EQ(withoutCopyNumber(whole), whole);
     }
 }

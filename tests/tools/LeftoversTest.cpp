@@ -33,6 +33,7 @@ void addOrphan(const MachineTree& tree, pid_t parent = 1)
     tree.addContainer("red");
     tree.addProcess({.pid = INIT, .parent = parent, .namespaceInit = true, .rootOf = "red"});
     tree.addGroup("cpu", "lxc.payload/red", {INIT});
+    tree.addGroup("freezer", "lxc.payload/red", {INIT});
 }
 
 } // namespace
@@ -56,6 +57,18 @@ TEST(Leftovers, AnInitWithoutAMonitor)
     EXPECT_TRUE(found[0].removable);
     EXPECT_EQ(found[1].kind, LeftoverKind::ControlGroup);
     EXPECT_TRUE(found[1].populated);
+}
+
+TEST(Leftovers, AContainerInsideDoesNotSaveTheOneAround)
+{
+    const MachineTree tree;
+    addOrphan(tree);
+    tree.addProcess({.pid = INIT + 1, .parent = INIT});
+    tree.addProcess({.pid = INIT + 2, .parent = INIT + 1, .namespaceInit = true});
+    tree.addGroup("cpu", "lxc.payload/red/lxc.payload/inner", {INIT + 1, INIT + 2});
+    const std::vector<Leftover> found = search(tree);
+    ASSERT_EQ(found.size(), 2U) << "the init inside ends with the one around it";
+    EXPECT_EQ(found[0].pid, INIT);
 }
 
 TEST(Leftovers, OnlyTheFirstProcessOfANamespaceIsAnInit)
@@ -125,6 +138,7 @@ TEST(Leftovers, AParentSavesTheContainer)
 {
     const MachineTree tree;
     addOrphan(tree, MONITOR);
+    tree.addGroup("cpu", "lxc.monitor/red", {});
     EXPECT_TRUE(search(tree).empty()) << "a monitor in the foreground has neither title nor group";
 }
 
@@ -154,7 +168,7 @@ TEST(Leftovers, ProcessesOfAnUndefinedContainerAreSomebodyElses)
     const MachineTree tree;
     tree.addProcess({.pid = INIT, .parent = 1, .namespaceInit = true});
     tree.addGroup("cpu", "lxc.payload/foreign", {INIT});
-    tree.addGroup("memory", "lxc.payload/foreign", {});
+    tree.addGroup("freezer", "lxc.payload/foreign", {});
     EXPECT_TRUE(search(tree).empty());
 }
 
@@ -205,7 +219,6 @@ TEST(Leftovers, AnEmptyGroupNeedsNoDefinedContainer)
 TEST(Leftovers, AGroupWithAProcessFurtherDownIsNotEmpty)
 {
     const MachineTree tree;
-    tree.addGroup("cpu", "lxc.payload.foreign", {});
     tree.addGroup("cpu", "lxc.payload.foreign/below/deep", {INIT});
     EXPECT_TRUE(search(tree).empty());
 }
@@ -214,7 +227,11 @@ TEST(Leftovers, AGroupWhoseProcessesCannotBeReadIsNotEmpty)
 {
     const MachineTree tree;
     tree.addGroup("cpu", "lxc.payload.foreign", {});
-    std::filesystem::remove(tree.root() + "/sys/fs/cgroup/cpu/lxc.payload.foreign/cgroup.procs");
+    const std::string list = "/sys/fs/cgroup/cpu/lxc.payload.foreign/cgroup.procs";
+    std::filesystem::remove(tree.root() + list);
+    EXPECT_TRUE(search(tree).empty());
+    tree.makeDirectory(list); // can be opened, and not be read
+    tree.write(list + "/cgroup.procs", "");
     EXPECT_TRUE(search(tree).empty());
 }
 

@@ -56,14 +56,22 @@ public:
             root() + (process.rootOf.empty() ? "/" : rootfsOf(process.rootOf)), root() + place + "/root");
     }
 
-    /// Makes a control group, or adds the processes to one that there is.
+    /// Makes a control group with the processes in it, and those above it, as far as they are missing,
+    /// without.
     void addGroup(const std::string& hierarchy, const std::string& name, const std::vector<pid_t>& pids) const
     {
+        const std::string top = "/sys/fs/cgroup/" + hierarchy + "/";
+        for (std::size_t end = name.find('/'); end != std::string::npos; end = name.find('/', end + 1)) {
+            if (const std::string list = top + name.substr(0, end) + "/cgroup.procs";
+                !std::filesystem::exists(root() + list)) {
+                write(list, "");
+            }
+        }
         std::string lines;
         for (const pid_t pid : pids) {
             lines += std::to_string(pid) + "\n";
         }
-        write("/sys/fs/cgroup/" + hierarchy + "/" + name + "/cgroup.procs", lines);
+        write(top + name + "/cgroup.procs", lines);
     }
 
 private:

@@ -45,17 +45,19 @@ constexpr std::array PARENTS = {Parent{"lxc.payload", true}, Parent{"lxc.monitor
 /// Collects the processes of a group and of those below it. What cannot be read may hold any process.
 void collectProcesses(const Machine& machine, const std::string& path, int depth, ControlGroup& group)
 {
-    const auto text = depth > DEEPEST_GROUP ? std::nullopt : machine.read(path + "/cgroup.procs");
-    if (!text) {
+    const auto text = machine.read(path + "/cgroup.procs");
+    if (!text || depth > DEEPEST_GROUP) {
         group.populated = true;
-        return;
     }
-    std::istringstream numbers(*text);
+    std::istringstream numbers(text.value_or(""));
     for (pid_t pid = 0; numbers >> pid;) {
         group.populated = true;
         if (pid > 0) { // 0 stands for a process that cannot be seen from here
             group.pids.push_back(pid);
         }
+    }
+    if (depth > DEEPEST_GROUP) {
+        return;
     }
     for (const std::string& name : machine.entries(path)) {
         if (const std::string child = below(path, name); machine.isDirectory(child)) {
