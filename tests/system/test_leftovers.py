@@ -142,6 +142,37 @@ def test_a_frozen_init_is_removed_too(leftovers, zones, root):
     assert leftovers.run(status=0) == []
 
 
+def test_what_is_frozen_without_a_container_is_thawed(leftovers, zones, root):
+    zones.define("red")
+    group = "/sys/fs/cgroup/freezer/lxc.payload/red"
+    process = root.popen(["sleep", "600"])
+    root.mkdir(group)
+    root.run(f"echo {process.inner_pid} > {group}/cgroup.procs")
+    root.run(f"echo FROZEN > {group}/freezer.state")
+    found = leftovers.run("--clean", "--yes", status=1)
+    outcomes = {leftover["what"]: (leftover["where"], leftover["outcome"]) for leftover in found}
+    # It is no init, so nothing proves that it is of the container.
+    assert outcomes == {"frozen group": ([group], "removed"), "control group": ([group], "failed")}
+    assert root.read(f"{group}/freezer.state") == "THAWED\n"
+    assert process.running
+    process.kill()
+    leftovers.run("--clean", "--yes", status=0)
+    assert not root.exists(group)
+
+
+def test_a_zone_that_is_frozen_with_all_others_is_only_named(leftovers, zones, root):
+    leftovers.start("red")
+    everybody = "/sys/fs/cgroup/freezer/lxc.payload/freezer.state"
+    root.run(f"echo FROZEN > {everybody}")
+    found = leftovers.run("--clean", "--yes", status=1)
+    assert [(leftover["what"], leftover["zone"], leftover["outcome"]) for leftover in found] == [
+        ("frozen group", "red", "left alone")
+    ]
+    assert root.read(everybody) == "FROZEN\n"
+    root.run(f"echo THAWED > {everybody}")
+    assert leftovers.run(status=0) == []
+
+
 def test_control_groups_that_keep_a_zone_from_starting(leftovers, zones, root):
     leftovers.start("red")
     init = zones.init_pid("red")
@@ -218,31 +249,95 @@ def test_the_daemons_lock_and_fifo_are_harmless(leftovers, zones, bus, daemon):
     assert leftovers.run(status=0) == [{**leftover, "outcome": "found"} for leftover in found]
 
 
-@pytest.mark.parametrize(
-    ("answer", "outcome"),
-    [("y\n", "removed"), ("n\n", "kept"), ("\n", "kept"), (None, "kept: no answer in time")],
-)
-def test_it_asks_before_each_removal(leftovers, zones, root, answer, outcome):
-    zones.define("red")
-    root.write(f"{PID_DIRECTORY}/red.pid", "99999")
-    leader, follower = pty.openpty()
-    try:
-        timeout = ["--timeout", "1"] if answer is None else []
-        process = root.popen(
-            [ZONECTL, "leftovers", "--clean", *timeout], stdin=follower, stdout=follower, stderr=follower
-        )
+class Conversation:
+    """The command at a terminal."""
+
+    def __init__(self, root, *options):
+        self.leader, follower = pty.openpty()
+        command = [ZONECTL, "leftovers", "--clean", "--color=never", *options]
+        self.process = root.popen(command, stdin=follower, stdout=follower, stderr=follower)
         os.close(follower)
-        text = ""
-        while "[y/N]" not in text:
-            text += os.read(leader, 4096).decode()
-        assert root.exists(f"{PID_DIRECTORY}/red.pid")
-        if answer is not None:
-            os.write(leader, answer.encode())
-        assert process.wait() == (0 if outcome == "removed" else 1)
+        self.text = ""
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        os.close(self.leader)
+
+    def read(self, wanted):
+        """Reads on until a text has been read."""
+        start = len(self.text)
+        while wanted not in self.text[start:]:
+            self.text += os.read(self.leader, 4096).decode()
+
+    def answer(self, text):
+        os.write(self.leader, f"{text}\n".encode())
+
+    def finish(self):
+        """Returns the exit status and the last line."""
         with contextlib.suppress(OSError):  # the end, once all is read
             while True:
-                text += os.read(leader, 4096).decode()
-    finally:
-        os.close(leader)
-    assert outcome in text.splitlines()[-1]
-    assert root.exists(f"{PID_DIRECTORY}/red.pid") == (outcome != "removed")
+                self.text += os.read(self.leader, 4096).decode()
+        return self.process.wait(), self.text.splitlines()[-1]
+
+
+@pytest.mark.parametrize(("answer", "outcome"), [("y", "removed"), ("n", "kept"), ("", "kept")])
+def test_it_asks_before_a_removal(zones, leftovers, root, answer, outcome):
+    zones.define("red")
+    root.write(f"{PID_DIRECTORY}/red.pid", "99999")
+    with Conversation(root) as conversation:
+        conversation.read(f"Remove the pid file {PID_DIRECTORY}/red.pid (process 99999 is gone)? [y/N]")
+        assert root.exists(f"{PID_DIRECTORY}/red.pid")
+        conversation.answer(answer)
+        status, last = conversation.finish()
+    assert last.endswith(f"  {outcome}")
+    assert status == (0 if outcome == "removed" else 1)
+    assert root.exists(f"{PID_DIRECTORY}/red.pid") == (outcome == "kept")
+
+
+def test_it_asks_for_each(zones, leftovers, root):
+    for name in ("blue", "red"):
+        zones.define(name)
+        root.write(f"{PID_DIRECTORY}/{name}.pid", "99999")
+    with Conversation(root) as conversation:
+        conversation.read("blue.pid (process 99999 is gone)? [y/N]")
+        conversation.answer("n")
+        conversation.read("red.pid (process 99999 is gone)? [y/N]")
+        conversation.answer("y")
+        assert conversation.finish()[0] == 1
+    assert root.exists(f"{PID_DIRECTORY}/blue.pid")
+    assert not root.exists(f"{PID_DIRECTORY}/red.pid")
+
+
+def test_who_does_not_answer_is_not_asked_again(zones, leftovers, root):
+    for name in ("blue", "red"):
+        zones.define(name)
+        root.write(f"{PID_DIRECTORY}/{name}.pid", "99999")
+    with Conversation(root, "--timeout", "1") as conversation:
+        status, last = conversation.finish()
+    assert (status, conversation.text.count("[y/N]")) == (1, 1)
+    assert last.endswith("kept: no answer in time")
+    assert root.exists(f"{PID_DIRECTORY}/blue.pid")
+    assert root.exists(f"{PID_DIRECTORY}/red.pid")
+
+
+def test_a_container_that_is_started_while_it_asks_is_not_touched(zones, leftovers, root):
+    zones.define("red")
+    leftovers.drop_groups_from_configuration("red")
+    leftovers.start_again("red")
+    leftovers.kill_monitor("red")
+    root.remove(f"{PID_DIRECTORY}/red.pid")
+    stale = leftovers.groups("red")
+    with Conversation(root) as conversation:
+        conversation.read("[y/N]")
+        zones.start("red")
+        conversation.answer("y")
+        conversation.read("[y/N]")
+        conversation.answer("y")
+        status, last = conversation.finish()
+    assert status == 0
+    assert last.endswith("  gone")
+    assert set(stale) < set(leftovers.groups("red"))
+    assert zones.state("red") == "RUNNING"

@@ -84,11 +84,23 @@ void checkOptions(const Options& options)
     }
 }
 
+[[nodiscard]] std::string_view verbFor(LeftoverKind kind)
+{
+    switch (kind) {
+    case LeftoverKind::Init:
+        return "Kill";
+    case LeftoverKind::Frozen:
+        return "Thaw";
+    default:
+        return "Remove";
+    }
+}
+
 /// Asks on the terminal; nothing when there is no answer in time.
 [[nodiscard]] std::optional<bool> ask(const Leftover& leftover, std::chrono::seconds patience)
 {
-    std::cerr << "Remove the " << leftoverWord(leftover.kind) << " " << printable(placeOf(leftover)) << " ("
-              << printable(leftover.why) << ")? [y/N] " << std::flush;
+    std::cerr << verbFor(leftover.kind) << " the " << leftoverWord(leftover.kind) << " "
+              << printable(placeOf(leftover)) << " (" << printable(leftover.why) << ")? [y/N] " << std::flush;
     pollfd input{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
     const auto limit = std::chrono::duration_cast<std::chrono::milliseconds>(patience);
     if (poll(&input, 1, static_cast<int>(limit.count())) != 1) {
