@@ -32,10 +32,8 @@ constexpr std::array COMMANDS = {
 constexpr std::string_view OPTIONS_HELP =
     "Options:\n"
     "  --json             machine-readable output\n"
-    "  --timeout SECONDS  how long a call, --wait, watch, explain or a question may
-"
-    "                     last (30 by default, without end for watch)
-"
+    "  --timeout SECONDS  how long a call, --wait, watch, explain or a question may\n"
+    "                     last (30 by default, without end for watch)\n"
     "  --color=WHEN       auto, always or never\n"
     "  --wait             start, stop, unfreeze: wait until it has happened\n"
     "  --clean            leftovers: remove what was found, asking for each\n"

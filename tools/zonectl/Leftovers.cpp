@@ -172,7 +172,7 @@ private:
                           .remedy = "kill -KILL " + number,
                           .pid = process.pid,
                           .startTicks = process.startTicks};
-        if (!own) {
+        if (!own.has_value()) {
             leftover.removable = false;
             leftover.why += "; that it is this container's cannot be proven";
         }
@@ -425,7 +425,7 @@ std::string placeOf(const Leftover& leftover)
     // All end alike, with the group's name; what differs are the hierarchies in front of it.
     const std::string& one = paths.front();
     std::size_t head = one.size();
-    std::size_t tail = one.size();
+    std::size_t tail = head;
     for (const std::string& other : paths) {
         const std::size_t shorter = std::min(one.size(), other.size());
         const auto front =

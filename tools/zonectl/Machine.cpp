@@ -35,20 +35,20 @@ bool Machine::exists(const std::string& path) const
 
 bool Machine::entryExists(const std::string& path) const
 {
-    struct stat status = {};
-    return lstat(at(path).c_str(), &status) == 0;
+    struct stat found = {};
+    return lstat(at(path).c_str(), &found) == 0;
 }
 
 bool Machine::isProgram(const std::string& path) const
 {
-    const auto status = statusOf(at(path));
-    return status && S_ISREG(status->st_mode) && (status->st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) != 0;
+    const auto found = statusOf(at(path));
+    return found && S_ISREG(found->st_mode) && (found->st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) != 0;
 }
 
 bool Machine::isDirectory(const std::string& path) const
 {
-    const auto status = statusOf(at(path));
-    return status && S_ISDIR(status->st_mode);
+    const auto found = statusOf(at(path));
+    return found && S_ISDIR(found->st_mode);
 }
 
 std::optional<FileStatus> Machine::status(const std::string& path) const
@@ -66,8 +66,8 @@ std::optional<FileStatus> Machine::status(const std::string& path) const
 
 bool Machine::onReadOnlyMount(const std::string& path) const
 {
-    struct statvfs status = {};
-    return statvfs(at(path).c_str(), &status) == 0 && (status.f_flag & ST_RDONLY) != 0;
+    struct statvfs system = {};
+    return statvfs(at(path).c_str(), &system) == 0 && (system.f_flag & ST_RDONLY) != 0;
 }
 
 std::optional<std::string> Machine::label(const std::string& path) const
