@@ -222,6 +222,33 @@ TEST(LeftoverFreezer, AContainerThatNobodyAskedToFreezeIsOnlyNamed)
     EXPECT_FALSE(found[0].removable) << "a group above it is frozen, with all other zones";
 }
 
+TEST(LeftoverFreezer, AContainerOfAnotherPathIsNotOurs)
+{
+    const MachineTree tree;
+    tree.addContainer("red");
+    tree.addContainer("blue");
+    tree.addProcess({.pid = PROCESS, .namespaceInit = true, .rootOf = "blue"});
+    tree.addGroup("freezer", "lxc.payload/red", {PROCESS});
+    setFreezer(tree, "FREEZING", true);
+    EXPECT_TRUE(search(tree).empty());
+    tree.addProcess({.pid = PROCESS + 1, .title = "[lxc monitor] /home/me red"});
+    EXPECT_TRUE(search(tree).empty());
+}
+
+TEST(LeftoverFreezer, AContainerWhoseRootCannotBeComparedIsOnlyNamed)
+{
+    const MachineTree tree;
+    addZone(tree, true);
+    tree.addProcess({.pid = PROCESS + 2, .parent = PROCESS + 1, .namespaceInit = true, .rootOf = "red"});
+    tree.addGroup("freezer", "lxc.payload/red", {PROCESS, PROCESS + 2});
+    setFreezer(tree, "FREEZING", true);
+    ASSERT_EQ(search(tree).size(), 1U);
+    EXPECT_TRUE(search(tree)[0].removable);
+    tree.write("/var/lib/lxc/red/config", "lxc.rootfs.path = loop:/images/red.img\n");
+    ASSERT_EQ(search(tree).size(), 1U);
+    EXPECT_FALSE(search(tree)[0].removable);
+}
+
 TEST(LeftoverFreezer, VersionTwo)
 {
     const MachineTree tree;

@@ -20,6 +20,7 @@ constexpr std::chrono::milliseconds FREEZING_STEP(50);
 constexpr std::int64_t PID_FILE_SLACK_S = 3;
 constexpr std::string_view PID_FILE_SUFFIX = ".pid";
 constexpr pid_t ADOPTIVE_PARENT = 1;
+constexpr std::string_view UNPROVEN = "; that it is this container's cannot be proven";
 
 /// Whether /proc/locks tells of a lock on the file.
 [[nodiscard]] bool isLocked(const std::string& locks, const FileStatus& file)
@@ -115,6 +116,26 @@ private:
                });
     }
 
+    /// Whether the group is that of the listed container, and not of one of the same name below another path:
+    /// what its init says, or nothing when that cannot be told. Without an init the name decides.
+    [[nodiscard]] std::optional<bool> isOwn(const ControlGroup& group, const ContainerInfo& owner) const
+    {
+        std::optional<bool> answer = true;
+        for (const pid_t pid : group.pids) {
+            const ProcessInfo* process = processes.find(pid);
+            if (process == nullptr || !process->namespaceInit || process->dead() ||
+                group.holds(process->parent)) {
+                continue; // no init, or that of a container inside
+            }
+            const std::optional<bool> own = livesIn(machine, pid, owner);
+            if (own == false) {
+                return false;
+            }
+            answer = own.has_value() ? answer : std::nullopt;
+        }
+        return answer;
+    }
+
     /// Whether an init in the group has a parent outside of it that did not just adopt it.
     [[nodiscard]] bool hasParentedInit(const ControlGroup& group) const
     {
@@ -174,7 +195,7 @@ private:
                           .startTicks = process.startTicks};
         if (!own.has_value()) {
             leftover.removable = false;
-            leftover.why += "; that it is this container's cannot be proven";
+            leftover.why += UNPROVEN;
         }
         for (const ControlGroup& group : groups) {
             if (const FreezerState freezer =
@@ -191,7 +212,7 @@ private:
     {
         for (const ControlGroup& group : groups) {
             const ContainerInfo* owner = group.payload && group.populated ? ownerOf(group) : nullptr;
-            if (owner == nullptr) {
+            if (owner == nullptr || isOwn(group, *owner) == false) {
                 continue;
             }
             const FreezerState state = freezerState(machine, group.path);
@@ -240,6 +261,10 @@ private:
                           .why = std::move(why),
                           .remedy = "echo " + state.thawed + " > " + state.file,
                           .thaws = {{state.file, state.thawed}}};
+        if (!isOwn(group, owner).has_value()) {
+            leftover.removable = false;
+            leftover.why += UNPROVEN;
+        }
         if (!state.asked) {
             leftover.removable = false; // it is not for one container to thaw all others of that group
             leftover.why += "; a group above it is";
@@ -264,7 +289,7 @@ private:
                 }
             }
             const ContainerInfo* owner = ownerOf(first);
-            if (populated && (owner == nullptr || isSomebodyElses(first.relative))) {
+            if (populated && (owner == nullptr || isSomebodyElses(first.relative, *owner))) {
                 continue;
             }
             Leftover leftover{.kind = LeftoverKind::ControlGroup,
@@ -278,15 +303,11 @@ private:
         }
     }
 
-    /// Whether an init in a group was looked at and not taken for the listed container's.
-    [[nodiscard]] bool isSomebodyElses(const std::string& relative) const
+    /// Whether a control group of that name holds another user's container in some hierarchy.
+    [[nodiscard]] bool isSomebodyElses(const std::string& relative, const ContainerInfo& owner) const
     {
         return std::any_of(groups.begin(), groups.end(), [&](const ControlGroup& group) {
-            return group.relative == relative && !holdsFoundInit(group) &&
-                   std::any_of(group.pids.begin(), group.pids.end(), [this](pid_t pid) {
-                       const ProcessInfo* process = processes.find(pid);
-                       return process != nullptr && process->namespaceInit;
-                   });
+            return group.relative == relative && isOwn(group, owner) == false;
         });
     }
 
