@@ -71,17 +71,19 @@ def test_an_automatic_start_that_works(fake, bus, daemon, explain):
         assert durations["begun"] > 0 and durations["started"] > 0
 
 
-def test_a_refused_container_is_told_of_first_and_in_plain_words(fake, daemon, explain):
+def test_a_refused_container_is_told_of_first_and_in_plain_words(fake, bus, daemon, explain):
     fake.define("good", "hybrid", auto=True)
     fake.define("shady", kind=None)
+    fake.define("idle", "hybrid")
     daemon.start()
+    bus.wait_owned()
     eventually(lambda: daemon.count("Zone Threads are not initialized yet") >= 2, 10, "a wait that goes on")
     result = explain()
     assert result.returncode == 1
     alarm, cause, remedy, refusal, advice, *_ = result.stdout.splitlines()
     assert alarm == "*** NOTHING STARTS AUTOMATICALLY ***"
-    assert "waits for 2 zones before it starts the first, and has 1, since it refused shady" in cause
-    assert 'the daemon says "Can not get a zone object (2 / 2)"' in cause
+    assert "waits for 3 zones before it starts the first, and has 2, since it refused shady" in cause
+    assert 'the daemon says "Can not get a zone object (3 / 3)"' in cause
     assert " since 2026-01-02 " in cause and remedy.strip().startswith("-> ")
     assert 'shady: refused as a zone; the daemon says "Failed to create the zone object...shady"' in refusal
     assert "zone.container_type" in advice
@@ -91,6 +93,14 @@ def test_a_refused_container_is_told_of_first_and_in_plain_words(fake, daemon, e
     assert report["automatic_start"]["blocked"] is True
     assert [refused["name"] for refused in report["refused"]] == ["shady"]
     assert zone_of(report, "shady")["taken"] is False
+    # A zone that is started on request sets the automatic start going, as the remedy says.
+    assert "a zone that is started on request lets the others follow" in remedy
+    assert bus.call("ZoneStart", "idle") is True
+    daemon.wait_for("Now, good is running", timeout=30)
+    result = explain()
+    assert result.returncode == 1 and alarm not in result.stdout
+    assert result.stdout.startswith("warning  automatic start: it never began by itself")
+    assert "problem  shady: refused as a zone" in result.stdout
 
 
 def test_a_zone_that_dies_and_comes_back_and_is_stopped_on_request(fake, bus, daemon, root, explain):

@@ -202,6 +202,15 @@ TEST(Story, AFailedAutomaticStartIsTriedAgain)
     EXPECT_THAT(findingAbout(findingsOf(log.log, "red"), "red")->text, HasSubstr("Failed to start red"));
 }
 
+TEST(Story, ADeathAfterAFailedStartIsADeathAgain)
+{
+    Log log;
+    log.start().takeRed().startAutomatically().beginStart().failStart().restart().beginStart();
+    log.add(RED, "handleStart", "red is started successfully" + ON_RED).die(3).restart();
+    EXPECT_EQ(red(log).restarts.at(1).cause, Cause::Death);
+    EXPECT_TRUE(red(log).failure.empty());
+}
+
 TEST(Story, TheWatcherRestartsByItself)
 {
     Log log;
@@ -243,7 +252,7 @@ TEST(RestartLoop, IsNoneWithALongerPauseInBetween)
     EXPECT_FALSE(red(log).restartLoop());
 }
 
-TEST(RestartLoop, EndsWhenNothingFollowsOrAStopIsAskedFor)
+TEST(RestartLoop, EndsWithAPauseAStopOrTheDaemon)
 {
     Log later;
     later.start().takeRed().restart().restart().restart().at(100 * LOG_SECOND).state("RUNNING");
@@ -254,6 +263,12 @@ TEST(RestartLoop, EndsWhenNothingFollowsOrAStopIsAskedFor)
     Log stopped;
     stopped.start().takeRed().restart().restart().restart().send("2");
     EXPECT_FALSE(inRestartLoop(stopped.log.told(), red(stopped)));
+
+    Log ended;
+    ended.start().takeRed().restart().restart().restart();
+    EXPECT_TRUE(inRestartLoop(ended.log.told(), red(ended)));
+    ended.add(DAEMON, "tearDown", "ZoneManager is terminated...", 'F');
+    EXPECT_FALSE(inRestartLoop(ended.log.told(), red(ended)));
 }
 
 TEST(RestartLoop, CannotBeToldWithoutTimes)
@@ -284,6 +299,25 @@ TEST(AutomaticStart, OneRefusedContainerBlocksIt)
     EXPECT_THAT(findings[0].text, HasSubstr("since it refused bad; it looked 2 times since "));
     EXPECT_THAT(findings[0].text, HasSubstr("\"Can not get a zone object (2 / 2)\""));
     EXPECT_EQ(findings[1].subject, "bad");
+}
+
+TEST(AutomaticStart, AZoneThatComesUpOtherwiseSetsABlockedOneGoing)
+{
+    Log log;
+    log.start().takeRed(2).startAutomatically();
+    EXPECT_FALSE(log.log.told().automaticBlocked());
+    const auto findings = findingsOf(log.log, "");
+    EXPECT_THAT(findingAbout(findings, "automatic start")->text, HasSubstr("never began by itself"));
+    EXPECT_NE(findingAbout(findings, "bad"), nullptr);
+}
+
+TEST(AutomaticStart, WhatOtherThreadsSayIsNoReasonForARefusal)
+{
+    Log log;
+    log.start().add(DAEMON, "ZoneContext", "ZoneContext object is created");
+    log.add(RED, "registerWatchDog", "Failed to register the stallwarden", 'E');
+    log.add(DAEMON, "initialize", "Failed to create Zone Object - bad[0]", 'E');
+    EXPECT_THAT(log.log.told().refused.at(0).messages, ElementsAre("Failed to create Zone Object - bad[0]"));
 }
 
 TEST(AutomaticStart, WaitsForTheThreads)

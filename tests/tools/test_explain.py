@@ -177,7 +177,13 @@ def test_foreign_and_damaged_lines_are_counted(tmp_path):
     assert report["zones"] == expected["zones"]
 
 
-def test_standard_input(tmp_path):
+def test_a_last_line_without_its_end_is_taken(tmp_path):
+    other = tmp_path / "log"
+    other.write_bytes(BLOCKED.read_bytes().removesuffix(b"\n"))
+    assert report_of(other) == report_of(BLOCKED)
+
+
+def test_standard_input():
     result = subprocess.run([str(bus_fixtures.ZONECTL), "explain", "--json", "--file", "-"],
                             input=BLOCKED.read_text(), env=bus_fixtures.environment("x:"), text=True,
                             capture_output=True, timeout=bus_fixtures.DEADLINE, check=False)
@@ -187,9 +193,7 @@ def test_standard_input(tmp_path):
 def test_a_log_that_never_ends_is_given_up(tmp_path):
     fifo = tmp_path / "fifo"
     os.mkfifo(fifo)
-    writer = os.open(fifo, os.O_RDWR)
     result = explain("--file", str(fifo), "--timeout", "1")
-    os.close(writer)
     assert refused(result, 4) and "within the time limit" in result.stderr
 
 

@@ -371,9 +371,7 @@ void Storyteller::onRestartFlag(const Values& values)
     if (toNumber(values[1]) == 0) {
         return; // it was stopped on request, or never started by the daemon
     }
-    Progress& state = progress[values[0]];
-    state.startFailed = false;
-    zone(values[0]).exitStatuses.push_back(state.exitStatus);
+    zone(values[0]).exitStatuses.push_back(progress[values[0]].exitStatus);
     tellTrouble(zone(values[0]), "died", "it should run: it will be restarted").cause = Cause::Death;
 }
 

@@ -110,7 +110,10 @@ struct Story
     std::optional<LogTime> lastAutomaticTime;
     std::map<std::string, ZoneStory> zones;
 
-    [[nodiscard]] bool automaticBlocked() const { return listed && made < *listed && !automaticBegun; }
+    /// The daemon waits for more zones than it has. It does so for ever, unless a zone that comes up on
+    /// request sets the automatic start going.
+    [[nodiscard]] bool automaticBlocked() const { return zonesMissing() && !automaticBegun; }
+    [[nodiscard]] bool zonesMissing() const { return listed && made < *listed; }
     /// Zones that are marked and were not asked to start yet.
     [[nodiscard]] std::vector<std::string> stillToStart() const;
 };

@@ -99,7 +99,14 @@ void judgeAutomaticStart(const Story& story, std::vector<Finding>& findings)
             names.push_back(refused.name);
         }
         text += names.empty() ? "" : ", since it refused " + joined(names);
-        findings.push_back({SUBJECT, Severity::Problem, text + waitText(story.threads),
+        findings.push_back(
+            {SUBJECT, Severity::Problem, text + waitText(story.threads),
+             "correct or remove what was refused, then restart the daemon; until then only a zone "
+             "that is started on request lets the others follow"});
+    } else if (story.zonesMissing()) {
+        findings.push_back({SUBJECT, Severity::Warning,
+                            "it never began by itself, since a container was refused; a zone that came up "
+                            "otherwise set it going",
                             "correct or remove what was refused, then restart the daemon"});
     } else if (!story.automaticBegun && story.threads.times > 0) {
         findings.push_back({SUBJECT, Severity::Warning,
