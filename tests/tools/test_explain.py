@@ -136,7 +136,7 @@ def test_the_story_of_a_life():
         "the launcher has started it (after N)",
         "its init process is 51",
     ]
-    assert "\nnav:" not in result.stdout
+    assert "\nnav:" not in result.stdout and "earlier events" not in result.stdout
 
 
 def test_the_last_run_is_told_and_the_others_are_counted():
@@ -181,6 +181,26 @@ def test_a_last_line_without_its_end_is_taken(tmp_path):
     other = tmp_path / "log"
     other.write_bytes(BLOCKED.read_bytes().removesuffix(b"\n"))
     assert report_of(other) == report_of(BLOCKED)
+
+
+def test_a_line_without_end_takes_no_memory(tmp_path):
+    other = tmp_path / "log"
+    other.write_bytes(b"x" * (3 << 20) + b"\n" + BLOCKED.read_bytes())
+    report = report_of(other)
+    assert report["skipped"] > 1, "it is dropped in pieces"
+    assert report["zones"] == report_of(BLOCKED)["zones"]
+
+
+def test_of_many_events_the_last_are_shown_unless_the_zone_is_named(tmp_path):
+    other = tmp_path / "log"
+    change = next(line for line in LIFE.read_text().splitlines(keepends=True)
+                  if "The state of media is changed to RUNNING" in line)
+    other.write_text(LIFE.read_text() + 100 * change)
+    story = explain("--file", str(other)).stdout.split("\n\nmedia: ")[1].split("\n\n")[0].splitlines()
+    assert story[1] == "  (76 earlier events: name the zone to see them)"
+    assert len(story) == 2 + 40
+    named = explain("--file", str(other), "media").stdout.split("\n\nmedia: ")[1].splitlines()
+    assert len(named) == 1 + 116
 
 
 def test_standard_input():
