@@ -241,11 +241,11 @@ void Storyteller::asked(const std::string& name, std::string_view request)
     Progress& state = progress[name];
     Cause cause = std::exchange(causes[now->tid], Cause::None);
     std::string by;
-    ZoneStory& story = zone(name);
+    ZoneStory& wanted = zone(name);
     switch (cause) {
     case Cause::Automatic:
         by = " by the automatic start";
-        story.automaticAsked = true;
+        wanted.automaticAsked = true;
         told.automaticBegun = true;
         told.lastAutomatic = name;
         told.lastAutomaticTime = now->time;
@@ -258,17 +258,17 @@ void Storyteller::asked(const std::string& name, std::string_view request)
         by = cause == Cause::FailedStart
                  ? " again, since the last one failed"
                  : " again, since it ended with exit status " + std::to_string(state.exitStatus);
-        addRestart(story, cause);
+        addRestart(wanted, cause);
         break;
     default:
         break;
     }
-    Event& event = tell(story, request == "start" ? "start-asked" : "asked",
+    Event& event = tell(wanted, request == "start" ? "start-asked" : "asked",
                         std::string(request) + " is asked for" + by);
     event.cause = cause;
     if (request == "start" || request == "stop") {
         state.askTime = now->time;
-        story.stopAsked = request == "stop";
+        wanted.stopAsked = request == "stop";
     }
     if (state.begunBeforeAsk && state.begunBeforeAsk->request == request &&
         since(state.begunBeforeAsk->time).value_or(0) < REORDERED_WITHIN) {
@@ -349,12 +349,12 @@ void Storyteller::onFailed(const Values& values)
 
 void Storyteller::onState(const Values& values)
 {
-    Progress& state = progress[values[2]];
     ZoneStory& changed = zone(values[2]);
     changed.state = values[3];
     changed.stateTime = now->time;
     Event& event = tell(changed, "state", values[3]);
     if (values[3] == (changed.stopAsked ? "STOPPED" : "RUNNING")) {
+        Progress& state = progress[values[2]];
         event.took = since(state.askTime);
         state.askTime.reset();
     }
