@@ -120,7 +120,7 @@ private:
     /// what its init says, or nothing when that cannot be told. Without an init the name decides.
     [[nodiscard]] std::optional<bool> isOwn(const ControlGroup& group, const ContainerInfo& owner) const
     {
-        std::optional<bool> answer = true;
+        bool certain = true;
         for (const pid_t pid : group.pids) {
             const ProcessInfo* process = processes.find(pid);
             if (process == nullptr || !process->namespaceInit || process->dead() ||
@@ -131,9 +131,9 @@ private:
             if (own == false) {
                 return false;
             }
-            answer = own.has_value() ? answer : std::nullopt;
+            certain = certain && own.has_value();
         }
-        return answer;
+        return certain ? std::optional(true) : std::nullopt;
     }
 
     /// Whether an init in the group has a parent outside of it that did not just adopt it.
