@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 using namespace Zonectl;
 
 TEST(ParseOptions, DefaultsOfAnEmptyLine)
@@ -43,9 +45,22 @@ TEST(ParseOptions, TheRootLosesItsTrailingSlashes)
 TEST(ParseOptions, RefusesWhatMakesNoSense)
 {
     const std::vector<std::vector<std::string>> lines = {
-        {"--unknown"},         {"--timeout"},         {"--timeout", "0"},        {"--timeout", "-3"},
-        {"--timeout", "many"}, {"--timeout", "5s"},   {"--timeout", "86401"},    {"--color=blue"},
-        {"--root", "image"},   {"state", "\xff\xfe"}, {"--timeout=99999999999"}, {"--root="},
+        {"--unknown"},
+        {"--timeout"},
+        {"--timeout", "0"},
+        {"--timeout", "-3"},
+        {"--timeout", "many"},
+        {"--timeout", "5s"},
+        {"--timeout", "86401"},
+        {"--color=blue"},
+        {"--root", "image"},
+        {"--wait=0"},
+        {"--wait=x"},
+        {"--record="},
+        {"--file="},
+        {"state", "\xff\xfe"},
+        {"--timeout=99999999999"},
+        {"--root="},
     };
     for (const auto& line : lines) {
         try {
@@ -87,4 +102,29 @@ TEST(HelpText, NamesEveryCommandAndOption)
         EXPECT_NE(text.find(word), std::string::npos) << word;
     }
     EXPECT_EQ(helpText("stop").find("Usage: zonectl [OPTION...] stop [--wait] NAME\n"), 0U);
+}
+
+TEST(HelpText, ACommandsOwnTellsOnlyOfItsOptions)
+{
+    const std::string text = helpText("stop");
+    EXPECT_NE(text.find("--wait[=SECONDS]   wait until"), std::string::npos) << text;
+    EXPECT_EQ(text.find("--clean"), std::string::npos) << text;
+}
+
+TEST(HelpText, FitsATerminal)
+{
+    std::istringstream lines(helpText(""));
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_LE(line.size(), 80U) << line;
+    }
+}
+
+TEST(ParseOptions, WaitHasABoundOfItsOwnOrThatOfACall)
+{
+    const Options bare = parseOptions({"start", "--wait", "nav", "--timeout=7"});
+    EXPECT_EQ(bare.arguments, std::vector<std::string>{"nav"}); // not taken for the bound
+    EXPECT_TRUE(bare.wait);
+    EXPECT_EQ(bare.waitPatience(), std::chrono::seconds(7));
+    EXPECT_EQ(parseOptions({"start", "--wait=5", "nav"}).waitPatience(), std::chrono::seconds(5));
+    EXPECT_EQ(parseOptions({"attach", "nav", "--", "--wait"}).arguments.back(), "--wait");
 }

@@ -9,51 +9,67 @@ namespace Zonectl {
 namespace {
 
 constexpr std::array COMMANDS = {
-    Command{"list", "", "all zones: kind, state and init process", 0, 0, false, false, listCommand},
-    Command{"state", "NAME", "the state of a zone", 1, 1, false, false, stateCommand},
-    Command{"init-pid", "NAME", "the process id of a zone's init", 1, 1, false, false, initPidCommand},
-    Command{"start", "[--wait] NAME", "ask for the start of a zone", 1, 1, true, false, startCommand},
-    Command{"stop", "[--wait] NAME", "ask for the stop of a zone", 1, 1, true, false, stopCommand},
-    Command{"unfreeze", "[--wait] NAME", "ask for a frozen zone to go on", 1, 1, true, false,
+    Command{"list", "", "all zones: kind, state and init process", 0, 0, Arguments::None, TAKES_NOTHING,
+            listCommand},
+    Command{"state", "NAME", "the state of a zone", 1, 1, Arguments::Zones, TAKES_NOTHING, stateCommand},
+    Command{"init-pid", "NAME", "the process id of a zone's init", 1, 1, Arguments::Zones, TAKES_NOTHING,
+            initPidCommand},
+    Command{"start", "[--wait] NAME", "ask for the start of a zone", 1, 1, Arguments::Zones, TAKES_WAIT,
+            startCommand},
+    Command{"stop", "[--wait] NAME", "ask for the stop of a zone", 1, 1, Arguments::Zones, TAKES_WAIT,
+            stopCommand},
+    Command{"unfreeze", "[--wait] NAME", "ask for a frozen zone to go on", 1, 1, Arguments::Zones, TAKES_WAIT,
             unfreezeCommand},
-    Command{"version", "NAME", "the daemon's version, asked through a zone", 1, 1, false, false,
-            versionCommand},
-    Command{"watch", "[NAME]", "print state changes until interrupted", 0, 1, false, false, watchCommand},
-    Command{"doctor", "[--root DIR]", "what the machine lacks for the daemon to work", 0, 0, false, true,
-            doctorCommand},
-    Command{"labels", "[--root DIR]", "the Smack labels that are and that should be", 0, 0, false, true,
-            labelsCommand},
+    Command{"version", "NAME", "the daemon's version, asked through a zone", 1, 1, Arguments::Zones,
+            TAKES_NOTHING, versionCommand},
+    Command{"watch", "[NAME]", "print state changes until interrupted", 0, 1, Arguments::Zones, TAKES_NOTHING,
+            watchCommand},
+    Command{"doctor", "[--root DIR]", "what the machine lacks for the daemon to work", 0, 0, Arguments::None,
+            TAKES_ROOT, doctorCommand},
+    Command{"labels", "[--root DIR]", "the Smack labels that are and that should be", 0, 0, Arguments::None,
+            TAKES_ROOT, labelsCommand},
     Command{"explain", "[--file FILE] [NAME]", "what the daemon's log tells of a zone, or of all", 0, 1,
-            false, false, explainCommand, true},
-    Command{"leftovers", "[--clean [--yes]]", "what earlier runs left behind", 0, 0, false, true,
-            leftoversCommand, false, true},
+            Arguments::Zones, TAKES_FILE, explainCommand},
+    Command{"leftovers", "[--clean [--yes]]", "what earlier runs left behind", 0, 0, Arguments::None,
+            TAKES_ROOT | TAKES_CLEAN | TAKES_YES, leftoversCommand},
 };
 
-constexpr std::string_view OPTIONS_HELP =
-    "Options:\n"
-    "  --json             machine-readable output\n"
-    "  --timeout SECONDS  how long a call, --wait, watch, explain or a question may\n"
-    "                     last (30 by default, without end for watch)\n"
-    "  --color=WHEN       auto, always or never\n"
-    "  --wait             start, stop, unfreeze: wait until it has happened\n"
-    "  --clean            leftovers: remove what was found, asking for each\n"
-    "  --yes              with --clean: do not ask\n"
-    "  --root DIR         doctor, labels, leftovers: look at the system below DIR\n"
-    "  --file FILE        explain: read the log in FILE, - for standard input\n"
-    "  --version          the version of this program\n"
-    "  -h, --help         this text, or that of a command\n"
-    "\n"
+constexpr std::array OPTIONS = {
+    OptionHelp{"--json", "", "machine-readable output", TAKES_NOTHING, nullptr},
+    OptionHelp{"--timeout", " SECONDS",
+               "how long a call, --wait, watch, explain or a question may\n"
+               "last (30 by default, without end for watch)",
+               TAKES_NOTHING, nullptr},
+    OptionHelp{"--color", "=WHEN", "auto, always or never", TAKES_NOTHING, nullptr},
+    OptionHelp{"--wait", "[=SECONDS]", "wait until it has happened", TAKES_WAIT,
+               [](const Options& options) { return options.wait; }},
+    OptionHelp{"--clean", "", "remove what was found, asking for each", TAKES_CLEAN,
+               [](const Options& options) { return options.clean; }},
+    OptionHelp{"--yes", "", "do not ask", TAKES_YES, [](const Options& options) { return options.yes; }},
+    OptionHelp{"--root", " DIR", "look at the system below DIR", TAKES_ROOT,
+               [](const Options& options) { return !options.root.empty(); }},
+    OptionHelp{"--file", " FILE", "read the log in FILE, - for standard input", TAKES_FILE,
+               [](const Options& options) { return !options.file.empty(); }},
+    OptionHelp{"--version", "", "the version of this program", TAKES_NOTHING, nullptr},
+    OptionHelp{"--help", "", "this text, or that of a command (-h)", TAKES_NOTHING, nullptr},
+};
+
+/// Asked for by the shells only, and so in no list.
+constexpr Command COMPLETE = {"complete", "[-- WORD...]",  "what a word may be", 0,
+                              ANY_NUMBER, Arguments::None, TAKES_NOTHING,        completeCommand};
+
+constexpr std::string_view EXIT_STATUS_HELP =
     "Exit status: 0 done, 1 refused, failed or problems found, 2 wrong usage,\n"
-    "3 the bus or the daemon cannot be reached, 4 the log does not end in time.\n";
+    "3 the bus or the daemon cannot be reached, 4 the time limit was reached.\n";
 
 [[nodiscard]] const Command* findCommand(std::string_view name)
 {
-    for (const Command& command : COMMANDS) {
-        if (command.name == name) {
-            return &command;
-        }
+    const auto found = std::find_if(COMMANDS.begin(), COMMANDS.end(),
+                                    [name](const Command& command) { return command.name == name; });
+    if (found != COMMANDS.end()) {
+        return &*found;
     }
-    return nullptr;
+    return name == COMPLETE.name ? &COMPLETE : nullptr;
 }
 
 [[nodiscard]] std::string usageLine(const Command& command)
@@ -65,6 +81,20 @@ constexpr std::string_view OPTIONS_HELP =
     return line;
 }
 
+/// A name and what it means, in two columns; the lines of the meaning stand below each other.
+[[nodiscard]] std::string helpLine(std::string left, std::size_t width, std::string_view meaning)
+{
+    left.resize(width + 2, ' ');
+    std::string text = "  " + left;
+    for (const char character : meaning) {
+        text += character;
+        if (character == '\n') {
+            text += std::string(width + 4, ' ');
+        }
+    }
+    return text + "\n";
+}
+
 [[nodiscard]] std::string commandList()
 {
     std::size_t width = 0;
@@ -73,9 +103,38 @@ constexpr std::string_view OPTIONS_HELP =
     }
     std::string text;
     for (const Command& command : COMMANDS) {
-        std::string left = std::string(command.name) + " " + std::string(command.usage);
-        left.resize(width + 2, ' ');
-        text += "  " + left + std::string(command.help) + "\n";
+        text += helpLine(std::string(command.name) + " " + std::string(command.usage), width, command.help);
+    }
+    return text;
+}
+
+/// The commands that take an option that not all take: "start, stop: ".
+[[nodiscard]] std::string takers(unsigned int option)
+{
+    std::string names;
+    for (const Command& command : COMMANDS) {
+        if ((command.takes & option) != 0) {
+            names += (names.empty() ? "" : ", ") + std::string(command.name);
+        }
+    }
+    return names + ": ";
+}
+
+/// The options of a command, or those of all.
+[[nodiscard]] std::string optionList(const Command* command)
+{
+    std::size_t width = 0;
+    for (const OptionHelp& option : OPTIONS) {
+        width = std::max(width, option.name.size() + option.value.size());
+    }
+    std::string text = "Options:\n";
+    for (const OptionHelp& option : OPTIONS) {
+        const bool general = option.takenBy == TAKES_NOTHING;
+        if (command == nullptr || general || (command->takes & option.takenBy) != 0) {
+            const std::string meaning =
+                (command == nullptr && !general ? takers(option.takenBy) : "") + std::string(option.help);
+            text += helpLine(std::string(option.name) + std::string(option.value), width, meaning);
+        }
     }
     return text;
 }
@@ -88,37 +147,44 @@ void checkUsage(const Command& command, const Options& options)
         throw Failure(EXIT_USAGE, (count < command.fewest ? "an argument is missing" : "too many arguments") +
                                       std::string(" (usage: ") + usageLine(command) + ")");
     }
-    for (const std::string& argument : options.arguments) {
-        if (argument.empty()) {
-            throw Failure(EXIT_USAGE, "the zone's name is empty");
+    if (command.arguments == Arguments::Zones || command.arguments == Arguments::ZoneAndState) {
+        for (const std::string& argument : options.arguments) {
+            if (argument.empty()) {
+                throw Failure(EXIT_USAGE, "the zone's name is empty");
+            }
         }
     }
-    if (options.wait && !command.takesWait) {
-        throw Failure(EXIT_USAGE, "--wait has no meaning for " + std::string(command.name));
-    }
-    if ((options.clean || options.yes) && !command.takesClean) {
-        throw Failure(EXIT_USAGE, std::string(options.clean ? "--clean" : "--yes") + " has no meaning for " +
-                                      std::string(command.name));
-    }
-    if (!options.root.empty() && !command.takesRoot) {
-        throw Failure(EXIT_USAGE, "--root has no meaning for " + std::string(command.name));
-    }
-    if (!options.file.empty() && !command.takesFile) {
-        throw Failure(EXIT_USAGE, "--file has no meaning for " + std::string(command.name));
+    for (const OptionHelp& option : OPTIONS) {
+        if (option.takenBy != TAKES_NOTHING && (command.takes & option.takenBy) == 0 &&
+            option.given(options)) {
+            throw Failure(EXIT_USAGE,
+                          std::string(option.name) + " has no meaning for " + std::string(command.name));
+        }
     }
 }
 
 } // namespace
 
+std::span<const Command> allCommands()
+{
+    return COMMANDS;
+}
+
+std::span<const OptionHelp> allOptions()
+{
+    return OPTIONS;
+}
+
 std::string helpText(std::string_view name)
 {
     if (const Command* command = findCommand(name)) {
         return "Usage: " + usageLine(*command) + "\n\n" + std::string(command->name) + ": " +
-               std::string(command->help) + "\n\n" + std::string(OPTIONS_HELP);
+               std::string(command->help) + "\n\n" + optionList(command) + "\n" +
+               std::string(EXIT_STATUS_HELP);
     }
     return "Usage: zonectl [OPTION...] COMMAND\n\nTalks to the zone manager over the system "
            "bus.\n\nCommands:\n" +
-           commandList() + "\n" + std::string(OPTIONS_HELP);
+           commandList() + "\n" + optionList(nullptr) + "\n" + std::string(EXIT_STATUS_HELP);
 }
 
 ExitStatus runCommand(const Options& options)

@@ -4,10 +4,40 @@
 #include "Options.h"
 #include "Output.h"
 
+#include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
 namespace Zonectl {
+
+/// What a command takes besides the options that all take; a set of bits.
+enum Takes : unsigned int
+{
+    TAKES_NOTHING = 0,
+    TAKES_WAIT = 1U << 0U,
+    TAKES_ROOT = 1U << 1U,
+    TAKES_FILE = 1U << 2U,
+    TAKES_RECORD = 1U << 3U,
+    TAKES_RAW = 1U << 4U,
+    TAKES_TMPFILES = 1U << 5U,
+    TAKES_FIX = 1U << 6U,
+    TAKES_CLEAN = 1U << 7U,
+    TAKES_YES = 1U << 8U,
+};
+
+/// What a command's arguments are, for those who complete a command line.
+enum class Arguments
+{
+    None,
+    Zones,        ///< names of zones
+    ZoneAndState, ///< the name of a zone, then the word of a state
+    Files,
+    CommandLine, ///< the beginning of another one
+};
+
+/// As many arguments as anybody likes.
+inline constexpr std::size_t ANY_NUMBER = SIZE_MAX;
 
 /// One command of the command line.
 struct Command
@@ -20,12 +50,26 @@ struct Command
     std::string_view help;  ///< one line
     std::size_t fewest;     ///< arguments
     std::size_t most;
-    bool takesWait;
-    bool takesRoot;
+    Arguments arguments;
+    unsigned int takes; ///< bits of `Takes`
     Handler handler;
-    bool takesFile = false;
-    bool takesClean = false; ///< and --yes with it
 };
+
+/// All commands, in the order of the help text.
+[[nodiscard]] std::span<const Command> allCommands();
+
+/// One option of the command line, for the help text and for completion.
+struct OptionHelp
+{
+    std::string_view name;                 ///< with its dashes
+    std::string_view value;                ///< what follows the name in the help text; empty for a switch
+    std::string_view help;                 ///< lines that fit behind the names
+    unsigned int takenBy;                  ///< the bit of `Takes`; TAKES_NOTHING when every command takes it
+    bool (*given)(const Options& options); ///< whether the command line has it; not asked for TAKES_NOTHING
+};
+
+/// All options, in the order of the help text.
+[[nodiscard]] std::span<const OptionHelp> allOptions();
 
 /// Runs what the command line asks for and returns the exit status. Throws Failure.
 [[nodiscard]] ExitStatus runCommand(const Options& options);
@@ -45,5 +89,8 @@ struct Command
 [[nodiscard]] ExitStatus labelsCommand(const Options& options, const Style& style);
 [[nodiscard]] ExitStatus explainCommand(const Options& options, const Style& style);
 [[nodiscard]] ExitStatus leftoversCommand(const Options& options, const Style& style);
+/// Prints what the last of the words may be, one candidate a line, with its help behind a tab. The words are
+/// those of a command line without the program's name; the shells' completions call this.
+[[nodiscard]] ExitStatus completeCommand(const Options& options, const Style& style);
 
 } // namespace Zonectl

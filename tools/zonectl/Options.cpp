@@ -10,7 +10,6 @@ namespace Zonectl {
 namespace {
 
 using OptionContextPtr = std::unique_ptr<GOptionContext, ZoneCore::FreeWith<g_option_context_free>>;
-using StringPtr = std::unique_ptr<char, ZoneCore::FreeWith<g_free>>;
 
 constexpr int LONGEST_TIMEOUT_SECONDS = 24 * 60 * 60;
 
@@ -52,13 +51,37 @@ private:
     throw Failure(EXIT_USAGE, "--color takes auto, always or never, not '" + text + "'");
 }
 
-[[nodiscard]] std::chrono::seconds timeoutSeconds(int seconds)
+[[nodiscard]] std::chrono::seconds secondsOf(const char* option, const char* text)
 {
-    if (seconds < 1 || seconds > LONGEST_TIMEOUT_SECONDS) {
-        throw Failure(EXIT_USAGE, "--timeout takes a number of seconds from 1 to " +
+    gint64 seconds = 0;
+    if (g_ascii_string_to_signed(text, 10, 1, LONGEST_TIMEOUT_SECONDS, &seconds, nullptr) == FALSE) {
+        throw Failure(EXIT_USAGE, std::string(option) + " takes a number of seconds from 1 to " +
                                       std::to_string(LONGEST_TIMEOUT_SECONDS));
     }
     return std::chrono::seconds(seconds);
+}
+
+/// The name of a file that an option takes.
+[[nodiscard]] std::string fileName(const char* option, const char* text)
+{
+    if (*text == '\0') {
+        throw Failure(EXIT_USAGE, std::string(option) + " takes the name of a file, or -");
+    }
+    return text;
+}
+
+/// GOption would take the word behind a bare "--wait" for its value, so it gets an empty one of its own.
+[[nodiscard]] std::vector<std::string> withExplicitWait(std::vector<std::string> arguments)
+{
+    for (std::string& argument : arguments) {
+        if (argument == "--") {
+            break;
+        }
+        if (argument == "--wait") {
+            argument = "--wait=";
+        }
+    }
+    return arguments;
 }
 
 /// GOption and the bus both insist on UTF-8, so the whole line is looked at before either sees it.
@@ -99,76 +122,112 @@ void takePositionals(const ArgumentVector& rest, Options& options)
     }
 }
 
+/// The options as GOption leaves them, before their values are checked.
+class OptionValues
+{
+public:
+    /// Takes the options out of the vector.
+    void readFrom(ArgumentVector& arguments)
+    {
+        const std::array<GOptionEntry, 15> entries = {{
+            {"help", 'h', 0, G_OPTION_ARG_NONE, &help, nullptr, nullptr},
+            {"version", 0, 0, G_OPTION_ARG_NONE, &version, nullptr, nullptr},
+            {"json", 0, 0, G_OPTION_ARG_NONE, &json, nullptr, nullptr},
+            {"raw", 0, 0, G_OPTION_ARG_NONE, &raw, nullptr, nullptr},
+            {"tmpfiles", 0, 0, G_OPTION_ARG_NONE, &tmpfiles, nullptr, nullptr},
+            {"fix", 0, 0, G_OPTION_ARG_NONE, &fix, nullptr, nullptr},
+            {"clean", 0, 0, G_OPTION_ARG_NONE, &clean, nullptr, nullptr},
+            {"yes", 0, 0, G_OPTION_ARG_NONE, &yes, nullptr, nullptr},
+            {"color", 0, 0, G_OPTION_ARG_STRING, &color.text, nullptr, nullptr},
+            {"timeout", 0, 0, G_OPTION_ARG_STRING, &timeout.text, nullptr, nullptr},
+            {"wait", 0, 0, G_OPTION_ARG_STRING, &wait.text, nullptr, nullptr},
+            {"root", 0, 0, G_OPTION_ARG_STRING, &root.text, nullptr, nullptr},
+            {"file", 0, 0, G_OPTION_ARG_STRING, &file.text, nullptr, nullptr},
+            {"record", 0, 0, G_OPTION_ARG_STRING, &record.text, nullptr, nullptr},
+            {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
+        }};
+        const OptionContextPtr context(g_option_context_new(nullptr));
+        // The help text is written from the table of commands, and nobody but `main` ends the process.
+        g_option_context_set_help_enabled(context.get(), FALSE);
+        g_option_context_add_main_entries(context.get(), entries.data(), nullptr);
+        ZoneCore::GErrorPtr error;
+        if (g_option_context_parse_strv(context.get(), arguments.address(), ZoneCore::OutError(error)) ==
+            FALSE) {
+            throw Failure(EXIT_USAGE, error ? error->message : "the command line cannot be read");
+        }
+    }
+
+    /// The options with their values understood.
+    [[nodiscard]] Options checked() const
+    {
+        Options options;
+        options.help = help != FALSE;
+        options.version = version != FALSE;
+        options.json = json != FALSE;
+        options.raw = raw != FALSE;
+        options.tmpfiles = tmpfiles != FALSE;
+        options.fix = fix != FALSE;
+        options.clean = clean != FALSE;
+        options.yes = yes != FALSE;
+        options.wait = wait.text != nullptr;
+        if (color.text != nullptr) {
+            options.color = colorMode(color.text);
+        }
+        if (timeout.text != nullptr) {
+            options.timeout = secondsOf("--timeout", timeout.text);
+        }
+        if (wait.text != nullptr && *wait.text != '\0') {
+            options.waitLimit = secondsOf("--wait", wait.text);
+        }
+        if (root.text != nullptr) {
+            options.root = rootDirectory(root.text);
+        }
+        if (file.text != nullptr) {
+            options.file = fileName("--file", file.text);
+        }
+        if (record.text != nullptr) {
+            options.record = fileName("--record", record.text);
+        }
+        return options;
+    }
+
+private:
+    /// Owns the text of one option; GOption replaces it when the option comes again.
+    struct Value
+    {
+        Value() = default;
+        ~Value() { g_free(text); }
+        Value(const Value&) = delete;
+        Value& operator=(const Value&) = delete;
+
+        char* text = nullptr; ///< null when the option was not given
+    };
+
+    gboolean help = FALSE;
+    gboolean version = FALSE;
+    gboolean json = FALSE;
+    gboolean raw = FALSE;
+    gboolean tmpfiles = FALSE;
+    gboolean fix = FALSE;
+    gboolean clean = FALSE;
+    gboolean yes = FALSE;
+    Value color;
+    Value timeout;
+    Value wait;
+    Value root;
+    Value file;
+    Value record;
+};
+
 } // namespace
 
 Options parseOptions(const std::vector<std::string>& arguments)
 {
     requireUtf8(arguments);
-    gboolean help = FALSE;
-    gboolean version = FALSE;
-    gboolean json = FALSE;
-    gboolean wait = FALSE;
-    gboolean clean = FALSE;
-    gboolean yes = FALSE;
-    char* color = nullptr;
-    char* timeout = nullptr;
-    char* root = nullptr;
-    char* file = nullptr;
-    const std::array<GOptionEntry, 11> entries = {{
-        {"help", 'h', 0, G_OPTION_ARG_NONE, &help, nullptr, nullptr},
-        {"version", 0, 0, G_OPTION_ARG_NONE, &version, nullptr, nullptr},
-        {"json", 0, 0, G_OPTION_ARG_NONE, &json, nullptr, nullptr},
-        {"wait", 0, 0, G_OPTION_ARG_NONE, &wait, nullptr, nullptr},
-        {"clean", 0, 0, G_OPTION_ARG_NONE, &clean, nullptr, nullptr},
-        {"yes", 0, 0, G_OPTION_ARG_NONE, &yes, nullptr, nullptr},
-        {"color", 0, 0, G_OPTION_ARG_STRING, &color, nullptr, nullptr},
-        {"timeout", 0, 0, G_OPTION_ARG_STRING, &timeout, nullptr, nullptr},
-        {"root", 0, 0, G_OPTION_ARG_STRING, &root, nullptr, nullptr},
-        {"file", 0, 0, G_OPTION_ARG_STRING, &file, nullptr, nullptr},
-        {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
-    }};
-
-    const OptionContextPtr context(g_option_context_new(nullptr));
-    // The help text is written from the table of commands, and nobody but `main` ends the process.
-    g_option_context_set_help_enabled(context.get(), FALSE);
-    g_option_context_add_main_entries(context.get(), entries.data(), nullptr);
-    ArgumentVector rest(arguments);
-    ZoneCore::GErrorPtr error;
-    const bool parsed =
-        g_option_context_parse_strv(context.get(), rest.address(), ZoneCore::OutError(error)) != FALSE;
-    const StringPtr colorText(color);
-    const StringPtr timeoutText(timeout);
-    const StringPtr rootText(root);
-    const StringPtr fileText(file);
-    if (!parsed) {
-        throw Failure(EXIT_USAGE, error ? error->message : "the command line cannot be read");
-    }
-
-    Options options;
-    options.help = help != FALSE;
-    options.version = version != FALSE;
-    options.json = json != FALSE;
-    options.wait = wait != FALSE;
-    options.clean = clean != FALSE;
-    options.yes = yes != FALSE;
-    if (colorText) {
-        options.color = colorMode(colorText.get());
-    }
-    if (timeoutText) {
-        gint64 seconds = 0;
-        const bool number = g_ascii_string_to_signed(timeoutText.get(), 10, 0, LONGEST_TIMEOUT_SECONDS,
-                                                     &seconds, nullptr) != FALSE;
-        options.timeout = timeoutSeconds(number ? static_cast<int>(seconds) : -1);
-    }
-    if (rootText) {
-        options.root = rootDirectory(rootText.get());
-    }
-    if (fileText) {
-        if (*fileText == '\0') {
-            throw Failure(EXIT_USAGE, "--file takes the name of a file, or -");
-        }
-        options.file = fileText.get();
-    }
+    ArgumentVector rest(withExplicitWait(arguments));
+    OptionValues values;
+    values.readFrom(rest);
+    Options options = values.checked();
     takePositionals(rest, options);
     return options;
 }

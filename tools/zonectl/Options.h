@@ -22,17 +22,24 @@ struct Options
     bool version = false;
     bool json = false;
     bool wait = false;
+    bool raw = false;      ///< watch: as a subscriber of the publisher's socket
+    bool tmpfiles = false; ///< labels: as lines of tmpfiles.d
+    bool fix = false;
     bool clean = false;
     bool yes = false;
     ColorMode color = ColorMode::Automatic;
-    std::optional<std::chrono::seconds> timeout; ///< as given with --timeout
-    std::string root;                            ///< empty for the running machine
-    std::string file;                            ///< empty when none was given
-    std::string command;                         ///< empty when none was given
-    std::vector<std::string> arguments;          ///< what follows the command
+    std::optional<std::chrono::seconds> timeout;   ///< as given with --timeout
+    std::optional<std::chrono::seconds> waitLimit; ///< as given with --wait
+    std::string root;                              ///< empty for the running machine
+    std::string file;                              ///< empty when none was given, as `record`
+    std::string record;
+    std::string command;                ///< empty when none was given
+    std::vector<std::string> arguments; ///< what follows the command
 
-    /// The bound on a call and on --wait.
+    /// The bound on a call.
     [[nodiscard]] std::chrono::seconds patience() const { return timeout.value_or(std::chrono::seconds(30)); }
+    /// The bound on what --wait waits for.
+    [[nodiscard]] std::chrono::seconds waitPatience() const { return waitLimit.value_or(patience()); }
 };
 
 /// Takes a command line apart; `arguments` come without the program's name.

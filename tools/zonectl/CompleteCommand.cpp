@@ -1,0 +1,163 @@
+#include "BusClient.h"
+#include "Commands.h"
+#include "Containers.h"
+#include "ZoneWords.h"
+
+#include <algorithm>
+#include <array>
+#include <iostream>
+
+namespace Zonectl {
+
+namespace {
+
+/// A shell asks between two key strokes.
+constexpr std::chrono::seconds BUS_PATIENCE(1);
+
+constexpr std::array COLOR_MODES = {"auto", "always", "never"};
+
+void offer(std::string_view word, std::string_view candidate, std::string_view help = "")
+{
+    if (candidate.starts_with(word) && printable(candidate) == candidate) {
+        std::cout << candidate << (help.empty() ? "" : "\t") << help.substr(0, help.find('\n')) << "\n";
+    }
+}
+
+/// The zones as the daemon names them; without it, the containers that are defined.
+[[nodiscard]] std::vector<std::string> zoneNames()
+{
+    try {
+        return BusClient(BUS_PATIENCE).zoneNames();
+    } catch (const Failure&) {
+        const Machine machine{""};
+        return configuredNames(machine, configuredLxcPath(machine));
+    }
+}
+
+void offerZones(std::string_view word, const std::vector<std::string>& given)
+{
+    for (const std::string& name : zoneNames()) {
+        if (std::find(given.begin(), given.end(), name) == given.end()) {
+            offer(word, name);
+        }
+    }
+}
+
+void offerStates(std::string_view word)
+{
+    for (int state = 0; !stateWord(state).starts_with("UNKNOWN"); ++state) {
+        offer(word, stateWord(state));
+    }
+}
+
+/// The next argument of a command, behind those that are `given`; files are the shell's own business.
+void offerArguments(const Command& command, std::string_view word, const std::vector<std::string>& given)
+{
+    if (given.size() >= command.most) {
+        return;
+    }
+    switch (command.arguments) {
+    case Arguments::Zones:
+        offerZones(word, given);
+        break;
+    case Arguments::ZoneAndState:
+        given.empty() ? offerZones(word, given) : offerStates(word);
+        break;
+    case Arguments::CommandLine:
+        if (given.empty()) {
+            offerZones(word, given);
+        }
+        break;
+    case Arguments::None:
+    case Arguments::Files:
+        break;
+    }
+}
+
+void offerOptions(const Command* command, std::string_view word)
+{
+    for (const OptionHelp& option : allOptions()) {
+        if (option.takenBy == TAKES_NOTHING ||
+            (command != nullptr && (command->takes & option.takenBy) != 0)) {
+            offer(word, option.name, option.help);
+        }
+    }
+}
+
+void offerCommands(std::string_view word)
+{
+    for (const Command& command : allCommands()) {
+        offer(word, command.name, command.help);
+    }
+}
+
+[[nodiscard]] const Command* commandNamed(std::string_view name)
+{
+    for (const Command& command : allCommands()) {
+        if (command.name == name) {
+            return &command;
+        }
+    }
+    return nullptr;
+}
+
+/// The option whose value a word is: one that takes its value as a word of its own.
+[[nodiscard]] bool takesNextWord(std::string_view word)
+{
+    return std::any_of(allOptions().begin(), allOptions().end(), [word](const OptionHelp& option) {
+        return option.name == word && (option.value.starts_with(' ') || option.value.starts_with('='));
+    });
+}
+
+/// What stands before the word that is completed.
+struct Before
+{
+    const Command* command = nullptr;
+    std::vector<std::string> arguments; ///< of the command
+    std::string option;                 ///< the option whose value the word is; empty for none
+};
+
+[[nodiscard]] Before readWords(const std::vector<std::string>& words)
+{
+    Before before;
+    for (const std::string& word : words) {
+        if (!before.option.empty()) {
+            before.option.clear();
+        } else if (word.starts_with('-')) {
+            before.option = takesNextWord(word) ? word : "";
+        } else if (before.command != nullptr) {
+            before.arguments.push_back(word);
+        } else {
+            before.command = commandNamed(word);
+        }
+    }
+    return before;
+}
+
+} // namespace
+
+ExitStatus completeCommand(const Options& options, const Style& /*style*/)
+{
+    std::vector<std::string> words = options.arguments;
+    const std::string word = words.empty() ? "" : words.back();
+    if (!words.empty()) {
+        words.pop_back();
+    }
+    const Before before = readWords(words);
+    if (before.option == "--color") {
+        for (const char* mode : COLOR_MODES) {
+            offer(word, mode);
+        }
+    } else if (!before.option.empty()) {
+        return EXIT_OK; // a number or the name of a file
+    } else if (word.starts_with('-')) {
+        offerOptions(before.command, word);
+    } else if (before.command == nullptr) {
+        offerCommands(word);
+    } else {
+        offerArguments(*before.command, word, before.arguments);
+    }
+    return EXIT_OK;
+}
+
+} // namespace Zonectl
