@@ -11,7 +11,7 @@ import bus_fixtures
 import pytest
 
 PACKAGING = bus_fixtures.REPOSITORY / "packaging"
-MAN_PAGES = sorted((bus_fixtures.REPOSITORY / "docs" / "man").glob("*.[18]"))
+MAN_PAGES = sorted((bus_fixtures.REPOSITORY / "docs" / "man").glob("*.[158]"))
 NAME = "org.ornix.zoneframework"
 INTERFACE = f"{NAME}.interface"
 NOBODY = 65534
