@@ -203,6 +203,7 @@ def test_finds_a_source_without_a_test(tree):
     ("platform/lxc_adapter/adapter.cpp", "#include <lxc/lxccontainer.h>\n"),
     ("tests/Common/ClockTest.cpp", '#include <gio/gio.h>\n#include "platform/log/platform_log.h"\n'),
     ("docs/Makefile", "all:\n\ttrue\n"),
+    ("packaging/debian/rules", "#!/usr/bin/make -f\n%:\n\ttrue\n"),
     ("docs/picture.png", "\0 \n\t"),
     ("docs/empty.md", ""),
     ("build/a.md", "a\t \n"),
