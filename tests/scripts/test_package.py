@@ -1,4 +1,4 @@
-"""What scripts/package hands to the package builder and what it leaves behind, with a stand-in for the builder."""
+"""What scripts/package hands to the package builder and what it leaves behind; the builder is a stand-in."""
 
 import os
 import pathlib
