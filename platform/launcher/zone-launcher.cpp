@@ -82,7 +82,8 @@ int waitForTool(const char* tool, pid_t pid, Clock::time_point deadline)
             return -1;
         }
         const auto whole = std::chrono::duration_cast<seconds>(left);
-        const timespec wait{.tv_sec = whole.count(), .tv_nsec = (left - whole).count()};
+        const timespec wait{.tv_sec = static_cast<std::time_t>(whole.count()),
+                            .tv_nsec = static_cast<long>((left - whole).count())};
         sigtimedwait(&childEnds, nullptr, &wait);
     }
     if (WIFSIGNALED(status)) {

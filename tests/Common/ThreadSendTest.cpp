@@ -28,6 +28,10 @@ using ZoneTest::ThreadProbe;
 
 namespace {
 
+// Two numbers of 32 bits and an address, on every machine: three words where addresses have 32 bits.
+static_assert(offsetof(ZoneEvent, zoneState) == 4 && offsetof(ZoneEvent, eventData) == 8 &&
+              sizeof(ZoneEvent) == 8 + sizeof(void*));
+
 using ThreadSend = ThreadFixture;
 
 } // namespace

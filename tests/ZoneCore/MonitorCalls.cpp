@@ -251,7 +251,8 @@ int __wrap_fcntl(int fd, int command, ...)
     std::string detail;
     if (command == F_SETLK || command == F_SETLKW) {
         const auto* lock = static_cast<const struct flock*>(argument);
-        detail = text(", %d, %d, %ld, %ld", lock->l_type, lock->l_whence, lock->l_start, lock->l_len);
+        detail = text(", %d, %d, %jd, %jd", lock->l_type, lock->l_whence, std::intmax_t{lock->l_start},
+                      std::intmax_t{lock->l_len});
     } else if (command == F_SETFD) {
         detail = text(", %d", static_cast<int>(reinterpret_cast<std::intptr_t>(argument)));
     }

@@ -36,15 +36,18 @@ protected:
 constexpr const char* COUNTED = "(ref count : 1)";
 
 } // namespace
+} // namespace ZoneTest
 
 extern "C" int statvfs(const char* path, struct statvfs* status)
 {
-    if (statusCannotBeRead) {
+    if (ZoneTest::statusCannotBeRead) {
         errno = EIO;
         return -1;
     }
     return ZoneTest::genuine(&statvfs, "statvfs")(path, status);
 }
+
+namespace ZoneTest {
 
 INSTANTIATE_TYPED_TEST_SUITE_P(ProtectZone, ZoneKindTest, Words);
 INSTANTIATE_TYPED_TEST_SUITE_P(ProtectZone, EnforcedWritableTest, Words);

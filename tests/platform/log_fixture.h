@@ -109,13 +109,13 @@ inline std::map<std::string, std::string> journalFields(const std::string& datag
             return {};
         }
         std::memcpy(&length, datagram.data() + position, sizeof(length));
-        length = le64toh(length);
+        const auto size = static_cast<std::size_t>(le64toh(length));
         position += sizeof(length);
-        if (position + length >= datagram.size() || datagram[position + length] != '\n') {
+        if (size >= datagram.size() - position || datagram[position + size] != '\n') {
             return {};
         }
-        fields[line] = datagram.substr(position, length);
-        position += length + 1;
+        fields[line] = datagram.substr(position, size);
+        position += size + 1;
     }
     return fields;
 }

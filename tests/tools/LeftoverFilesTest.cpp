@@ -3,6 +3,7 @@
 #include "MachineTree.h"
 
 #include <array>
+#include <ctime>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -43,7 +44,7 @@ void writePidFile(const MachineTree& tree, const std::string& text, std::int64_t
     tree.write(PID_FILE, text);
     const std::int64_t started =
         MachineTree::BOOT_TIME + static_cast<std::int64_t>(MachineTree::START_TICKS) / sysconf(_SC_CLK_TCK);
-    const timespec time{.tv_sec = started + later, .tv_nsec = 0};
+    const timespec time{.tv_sec = static_cast<std::time_t>(started + later), .tv_nsec = 0};
     const std::array<timespec, 2> both = {time, time};
     ASSERT_EQ(utimensat(AT_FDCWD, (tree.root() + PID_FILE).c_str(), both.data(), 0), 0);
 }

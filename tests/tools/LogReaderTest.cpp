@@ -61,7 +61,7 @@ TEST(ReadLogRecord, TakesATimeAtTheBeginning)
 TEST(ReadLogRecord, AStampWithoutAYearIsOfTheLastOne)
 {
     for (const LogTime daysAgo : {0, 1, 200, 360}) {
-        const std::time_t moment = std::time(nullptr) - daysAgo * 86400;
+        const auto moment = static_cast<std::time_t>(std::time(nullptr) - daysAgo * 86400);
         std::tm local{};
         localtime_r(&moment, &local);
         char stamp[32];
