@@ -9,6 +9,13 @@ target_compile_options(zone_options INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>
   -fstack-protector-strong -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
 target_compile_definitions(zone_options INTERFACE _GNU_SOURCE)
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  # Else a file system, a file or the number of an inode that is too large for 32 bits is an error of the call.
+  # Neither GLib nor liblxc takes an off_t from us. Times stay as wide as those of the libraries below.
+  target_compile_definitions(zone_options INTERFACE _FILE_OFFSET_BITS=64)
+  # About compilers of before 2017, which passed some arguments otherwise.
+  target_compile_options(zone_options INTERFACE -Wno-psabi)
+endif()
 target_include_directories(zone_options INTERFACE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include_internal)
 
 if(ZONE_SANITIZE)

@@ -2,6 +2,7 @@
 // them fails.
 
 #include "tests/platform/test_process.h"
+#include "tests/support/unit/Emulation.h"
 #include "tests/support/unit/PrivateRoot.h"
 
 #include <array>
@@ -126,6 +127,8 @@ TEST_F(ZoneLauncherTools, AToolThatIsKilledIsAFailure)
 
 TEST_F(ZoneLauncherTools, AToolThatIsMissingIsAFailure)
 {
+    ZONE_TEST_NEEDS_REAL_MACHINE(
+        "qemu-user forks for a vfork, and the error of posix_spawn stays in the child");
     fs::remove(path("start"));
     const auto result = launcher("start");
     EXPECT_EQ(result.exitStatus, 1);
@@ -147,6 +150,7 @@ TEST_F(ZoneLauncherTools, AToolThatHangsIsKilled)
 
 TEST_F(ZoneLauncherTools, WithoutDescriptorsTheStateIsUnknown)
 {
+    ZONE_TEST_NEEDS_REAL_MACHINE("the emulator needs descriptors of its own");
     const auto result = runInChild({}, [] {
         closefrom(STDERR_FILENO + 1);
         const rlimit four{4, 4}; // the loader needs one more, a pipe two
