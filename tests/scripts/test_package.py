@@ -1,4 +1,4 @@
-"""What scripts/package hands to the package builder and what it leaves behind; the builder is a stand-in."""
+"""What scripts/package hands to the package builder and leaves behind, with a stand-in for the builder."""
 
 import os
 import pathlib
