@@ -11,6 +11,8 @@ LAUNCHER = "/zone/config/zone-launcher"
 FILES = {
     "/lib/systemd/system/zone-manager.service": "-rw-r--r--",
     "/usr/bin/zonectl": "-rwxr-xr-x",
+    "/usr/share/bash-completion/completions/zonectl": "-rw-r--r--",
+    "/usr/share/zsh/vendor-completions/_zonectl": "-rw-r--r--",
     "/usr/lib/tmpfiles.d/zone-manager.conf": "-rw-r--r--",
     "/usr/sbin/zone-manager": "-rwxr-xr-x",
     "/usr/share/dbus-1/interfaces/org.ornix.zoneframework.xml": "-rw-r--r--",
