@@ -76,11 +76,12 @@ class Workshop:
         self._made = {}
 
     def package(self, *options):
+        """The package for these options, made when it is first asked for."""
         if options not in self._made:
-            self._made[options] = self._make(options)
+            self._made[options] = self.make("-".join(options) or "all", *options)
         return self._made[options]
 
-    def _make(self, options):
+    def make(self, folder, *options):
         environment = {
             **os.environ,
             "CMAKE_C_COMPILER_LAUNCHER": "ccache",
@@ -90,7 +91,7 @@ class Workshop:
             "CCACHE_DIR": str(BUILD / "tests" / "ccache"),
             "CCACHE_NOHASHDIR": "1",
         }
-        output = self.directory / ("-".join(options) or "all")
+        output = self.directory / folder
         result = subprocess.run([PROJECT / "scripts" / "package", "--output", output, *options],
                                 env=environment, capture_output=True, text=True, check=False,
                                 timeout=BUILD_TIME)

@@ -1,5 +1,6 @@
 """What is in the package, and what lintian says of it."""
 
+import configparser
 import re
 import subprocess
 
@@ -102,6 +103,34 @@ def test_what_is_text_is_that_of_the_tree(package, tmp_path):
         "usr/lib/tmpfiles.d/zone-manager.conf": "tmpfiles.d/zone-manager.conf",
     }.items():
         assert (content / packaged).read_text() == (packaging / source).read_text()
+
+
+def test_the_unit_keeps_zones_alive_and_out_of_every_sandbox(package, tmp_path):
+    unit = configparser.ConfigParser(strict=True, interpolation=None)
+    unit.optionxform = str
+    unit.read(package.unpack(tmp_path) / "lib/systemd/system/zone-manager.service")
+    assert dict(unit["Service"]) == {
+        "Type": "dbus",
+        "BusName": "org.ornix.zoneframework",
+        "ExecStart": "/usr/sbin/zone-manager",
+        "EnvironmentFile": "-/etc/default/zone-manager",
+        "KillMode": "process",
+        "Delegate": "yes",
+        "Restart": "always",
+        "RestartSec": "5",
+        "NotifyAccess": "main",
+        "WatchdogSec": "60",
+        "TimeoutStartSec": "60",
+        "TimeoutStopSec": "20",
+        "StandardOutput": "journal",
+        "StandardError": "journal",
+    }
+    assert unit["Install"]["WantedBy"] == "multi-user.target"
+
+
+def test_the_same_tree_gives_the_same_package(workshop, package):
+    again = workshop.make("again")
+    assert again.path.read_bytes() == package.path.read_bytes()
 
 
 @pytest.mark.parametrize("page", ["man1/zonectl.1", "man5/zone.config.5", "man8/zone-launcher.8",
