@@ -1,7 +1,9 @@
 """What scripts/cross runs, in which order and what it concludes, with stand-ins for all of it."""
 
+import json
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 
@@ -84,6 +86,19 @@ def test_a_wrong_call_is_told_and_runs_nothing(tree, arguments, complaint):
     assert (tree.directory / "calls").read_text() == ""
 
 
+@pytest.mark.parametrize("architecture", ["armhf", "aarch64"])
+def test_an_architecture_has_a_preset_a_toolchain_and_the_packages_of_both(architecture):
+    presets = json.loads((PROJECT / "CMakePresets.json").read_text())
+    configured = {preset["name"]: preset for preset in presets["configurePresets"]}[architecture]
+    toolchain = f"cmake/toolchains/{architecture}.cmake"
+    assert configured["toolchainFile"] == f"${{sourceDir}}/{toolchain}"
+    assert architecture in [preset["name"] for preset in presets["buildPresets"]]
+    target = re.search(r"set\(ZONE_TARGET (\S+)\)", (PROJECT / toolchain).read_text())[1]
+    setup = (PROJECT / "scripts" / "setup", "--with", "cross", "--list")
+    packages = subprocess.run(setup, capture_output=True, text=True, timeout=60, check=True).stdout.split()
+    assert {f"g++-{target}", "qemu-user"} <= set(packages)
+
+
 def test_an_architecture_is_prepared_built_and_tested(tree):
     result = tree.run("armhf")
     assert result.returncode == 0, result.stderr
@@ -128,7 +143,7 @@ def test_a_failure_ends_its_architecture_alone(tree, fails, last):
     ("bin/zone-manager.linked", LINKED.replace("[/zone", "[/opt:/zone"), "run path is not /zone/config"),
     ("bin/zonectl.linked", LINKED, "bin/zonectl has a run path"),
     ("lib/liblxc.so.1.text", "PROJECT/build/sysroot/armhf/liblxc.so.1", "names this machine's folders"),
-])
+], ids=["another library", "a longer run path", "a run path too many", "a path of this machine"])
 def test_programs_that_a_device_could_not_use_fail(tree, file, text, complaint):
     tree.write(f"build/armhf/{file}", text.replace("PROJECT", str(tree.directory)))
     result = tree.run("armhf")
