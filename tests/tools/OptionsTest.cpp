@@ -31,8 +31,8 @@ TEST(ParseOptions, OptionsStandBeforeAndBehindTheCommand)
 
 TEST(ParseOptions, ADoubleDashLetsANameBeginWithADash)
 {
-    const Options options = parseOptions({"state", "--", "-odd"});
-    EXPECT_EQ(options.command, "state");
+    const Options options = parseOptions({"status", "--", "-odd"});
+    EXPECT_EQ(options.command, "status");
     EXPECT_EQ(options.arguments, std::vector<std::string>{"-odd"});
 }
 
@@ -58,7 +58,7 @@ TEST(ParseOptions, RefusesWhatMakesNoSense)
         {"--wait=x"},
         {"--record="},
         {"--file="},
-        {"state", "\xff\xfe"},
+        {"status", "\xff\xfe"},
         {"--timeout=99999999999"},
         {"--root="},
     };
@@ -78,9 +78,12 @@ TEST(RunCommand, RefusesWhatACommandDoesNotTake)
         {},
         {"nothing"},
         {"list", "x"},
-        {"state"},
-        {"state", "a", "b"},
-        {"state", ""},
+        {"pid"},
+        {"pid", "a", "b"},
+        {"status", "a", ""},
+        {"wait", "a"},
+        {"wait", "a", "ASLEEP"},
+        {"attach", "a"},
         {"list", "--wait"},
         {"start", "--root=/x", "a"},
     };
@@ -97,11 +100,12 @@ TEST(RunCommand, RefusesWhatACommandDoesNotTake)
 TEST(HelpText, NamesEveryCommandAndOption)
 {
     const std::string text = helpText("");
-    for (const char* word : {"list", "state", "init-pid", "start", "stop", "unfreeze", "version", "watch",
-                             "doctor", "labels", "--json", "--timeout", "--color", "--wait", "--root"}) {
+    for (const char* word :
+         {"list", "status", "pid", "start", "stop", "unfreeze", "wait", "attach", "version", "watch",
+          "doctor", "labels", "--json", "--timeout", "--color", "--wait", "--root"}) {
         EXPECT_NE(text.find(word), std::string::npos) << word;
     }
-    EXPECT_EQ(helpText("stop").find("Usage: zonectl [OPTION...] stop [--wait] NAME\n"), 0U);
+    EXPECT_EQ(helpText("stop").find("Usage: zonectl [OPTION...] stop [--wait] NAME...\n"), 0U);
 }
 
 TEST(HelpText, ACommandsOwnTellsOnlyOfItsOptions)

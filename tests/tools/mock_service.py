@@ -1,9 +1,9 @@
 """Stands in for the zone manager on the bus whose address is the only argument.
 
 Zones: "nav" is stopped and starts when asked to, "media" runs, "icy" is frozen, "stuck" takes every request
-and does nothing, "brief" stops as soon as it runs, "guard" is refused as a protection zone is, "mute" is
-never answered about, "odd" is answered in a wrong form, "angry" raises an error. The method ZoneLock emits a
-malformed state signal and then a sound one.
+and does nothing, "brief" stops as soon as it runs, "weak" does not survive its start, "guard" is refused
+as a protection zone is, "mute" is never answered about, "odd" is answered in a wrong form, "angry" raises an
+error. The method ZoneLock emits a malformed state signal and then a sound one.
 """
 
 import sys
@@ -16,8 +16,10 @@ from gi.repository import Gio, GLib  # noqa: E402
 NAME = "org.ornix.zoneframework"
 PATH = "/org/ornix/zoneframework"
 INTERFACE = "org.ornix.zoneframework.interface"
-STOPPED, STARTING, RUNNING, FROZEN = 1, 2, 3, 7
-WORDS = {STOPPED: "STOPPED", STARTING: "STARTING", RUNNING: "RUNNING", FROZEN: "FROZEN"}
+STOPPED, STARTING, RUNNING, ABORTING, FROZEN, THAWED = 1, 2, 3, 5, 7, 8
+WORDS = {STOPPED: "STOPPED", STARTING: "STARTING", RUNNING: "RUNNING", ABORTING: "ABORTING", FROZEN: "FROZEN",
+         THAWED: "THAWED"}
+STARTS = {"brief": (RUNNING, STOPPED), "weak": (STARTING, ABORTING, STOPPED)}
 
 # Without declared out-arguments the bus library lets every reply through, the wrong ones too.
 INTROSPECTION = f"<node><interface name='{INTERFACE}'>" + "".join(
@@ -28,13 +30,16 @@ INTROSPECTION = f"<node><interface name='{INTERFACE}'>" + "".join(
         ("GetVersion", "<arg type='s' direction='in'/><arg type='s' direction='out'/>"),
         *((method, "<arg type='s' direction='in'/><arg type='b' direction='out'/>")
           for method in ("ZoneStart", "ZoneStop", "ZoneUnfreeze", "ZoneLock")),
+        ("ZoneAttach", "".join(f"<arg type='{kind}' direction='in'/>" for kind in ("s", "as", "as", "i", "i"))
+         + "<arg type='b' direction='out'/>"),
     )) + "</interface></node>"
 
 
 class Service:
     def __init__(self, connection):
         self.connection = connection
-        self.states = {"nav": STOPPED, "media": RUNNING, "icy": FROZEN, "stuck": STOPPED, "brief": STOPPED}
+        self.states = {"nav": STOPPED, "media": RUNNING, "icy": FROZEN, "stuck": STOPPED, "brief": STOPPED,
+                       "weak": STOPPED}
 
     def emit(self, *texts):
         self.connection.emit_signal(None, PATH, INTERFACE, "ZoneStateChangedSignal",
@@ -66,12 +71,13 @@ class Service:
         if method == "ZoneGetInitPid":
             return GLib.Variant("(i)", (4242 if self.states.get(zone) == RUNNING else -1,))
         if method == "ZoneStart":
-            states = (RUNNING, STOPPED) if zone == "brief" else (STARTING, RUNNING)
-            return GLib.Variant("(b)", (self.request(zone, *states),))
+            return GLib.Variant("(b)", (self.request(zone, *STARTS.get(zone, (STARTING, RUNNING))),))
         if method == "ZoneStop":
             return GLib.Variant("(b)", (self.request(zone, STOPPED),))
         if method == "ZoneUnfreeze":
-            return GLib.Variant("(b)", (self.request(zone, RUNNING),))
+            return GLib.Variant("(b)", (self.request(zone, THAWED, RUNNING),))
+        if method == "ZoneAttach":
+            return GLib.Variant("(b)", (zone in self.states,))
         self.emit("only one text")
         self.emit(zone, "RUNNING")
         return GLib.Variant("(b)", (False,))

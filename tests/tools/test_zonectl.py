@@ -6,7 +6,6 @@ import pty
 import re
 import signal
 import subprocess
-import time
 
 import bus_fixtures
 import pytest
@@ -21,7 +20,7 @@ def refused(result, status):
 
 
 @pytest.mark.parametrize("arguments", [
-    (), ("frobnicate",), ("list", "extra"), ("state",), ("state", ""), ("start", "a", "b"),
+    (), ("frobnicate",), ("list", "extra"), ("pid",), ("status", ""), ("pid", "a", "b"),
     ("list", "--nonsense"), ("list", "--timeout", "soon"), ("list", "--timeout=0"), ("list", "--color=blue"),
     ("watch", "--wait"), ("list", "--root", "/image"), ("doctor", "--root", "relative"),
 ])
@@ -39,8 +38,8 @@ def test_help_and_version_need_nothing():
         assert result.stdout.startswith("Usage: zonectl ")
 
 
-BUS_COMMANDS = [("list",), ("state", "a"), ("init-pid", "a"), ("version", "a"), ("start", "a"), ("stop", "a"),
-                ("unfreeze", "a"), ("watch",)]
+BUS_COMMANDS = [("list",), ("status", "a"), ("version",), ("start", "a"), ("stop", "a"), ("unfreeze", "a"),
+                ("wait", "a", "RUNNING"), ("attach", "a", "--", "true"), ("watch",)]
 
 
 @pytest.mark.parametrize("arguments", BUS_COMMANDS)
@@ -55,97 +54,14 @@ def test_without_the_daemon(bus, arguments):
     assert refused(result, 3) and "the zone manager is not running" in result.stderr
 
 
-def test_list(zonectl):
-    result = zonectl("list")
-    assert (result.returncode, result.stderr) == (0, "")
-    rows = [line.split() for line in result.stdout.splitlines()]
-    assert rows == [["NAME", "KIND", "STATE", "INIT", "PID"],
-                    ["guard", "-", "protected/refused", "-"],
-                    ["icy", "-", "FROZEN", "-"],
-                    ["media", "-", "RUNNING", "4242"],
-                    ["nav", "-", "STOPPED", "-"]]
-
-
-def test_list_as_json(zonectl):
-    zones = {zone["name"]: zone for zone in json.loads(zonectl("--json", "list").stdout)}
-    assert list(zones) == ["guard", "icy", "media", "nav"]
-    assert zones["media"] == {"name": "media", "kind": None, "access": "granted", "state": "RUNNING",
-                              "init_pid": 4242}
-    assert zones["guard"] == {"name": "guard", "kind": None, "access": "protected/refused", "state": None,
-                              "init_pid": None}
-
-
-def test_facts_about_a_zone(zonectl):
-    assert zonectl("state", "media").stdout == "RUNNING\n"
-    assert zonectl("init-pid", "media").stdout == "4242\n"
-    assert zonectl("version", "media").stdout == "4.0.28/4.0.12\n"
-    assert json.loads(zonectl("state", "media", "--json").stdout) == {"name": "media", "state": "RUNNING"}
-    assert json.loads(zonectl("init-pid", "media", "--json").stdout) == {"name": "media", "init_pid": 4242}
-
-
-@pytest.mark.parametrize("command", ["state", "init-pid", "version", "start", "stop", "unfreeze"])
-def test_a_refused_zone(zonectl, command):
-    result = zonectl(command, "guard")
-    assert refused(result, 1) and "protection zone" in result.stderr
-    assert result.stdout == ""
-
-
-def test_a_zone_without_init_is_no_refused_zone(zonectl):
-    result = zonectl("init-pid", "nav")
-    assert refused(result, 1) and "has no init process" in result.stderr
-
-
-def test_a_daemon_that_does_not_answer(zonectl):
-    begin = time.monotonic()
-    result = zonectl("state", "mute", "--timeout", "1")
-    assert refused(result, 3) and "did not answer ZoneGetState" in result.stderr
-    assert time.monotonic() - begin < 5
-
-
 def test_an_answer_of_the_wrong_form(zonectl):
-    result = zonectl("state", "odd")
+    result = zonectl("status", "odd")
     assert refused(result, 1) and "in an unexpected form" in result.stderr
 
 
 def test_an_error_stays_on_one_line(zonectl):
-    result = zonectl("state", "angry")
+    result = zonectl("status", "angry")
     assert refused(result, 1) and result.stderr == "zonectl: ZoneGetState failed: no?mood\n"
-
-
-def test_a_request_is_only_queued(zonectl):
-    result = zonectl("start", "stuck")
-    assert (result.returncode, result.stderr) == (0, "")
-    assert "start is queued" in result.stdout
-    assert json.loads(zonectl("--json", "stop", "stuck").stdout) == {
-        "name": "stuck", "request": "stop", "queued": True}
-
-
-@pytest.mark.parametrize("command, zone, state", [
-    ("start", "nav", "RUNNING"), ("stop", "media", "STOPPED"), ("unfreeze", "icy", "RUNNING"),
-    ("start", "media", "RUNNING"),
-])
-def test_waiting_for_the_outcome(zonectl, command, zone, state):
-    result = zonectl(command, "--wait", zone)
-    assert (result.returncode, result.stderr) == (0, "")
-    assert result.stdout == (f"{zone}: {command} is queued; waiting up to 30 s for {state}\n"
-                             f"{zone}: {state}\n")
-
-
-def test_waiting_as_json(zonectl):
-    assert json.loads(zonectl("start", "--wait", "--json", "nav").stdout) == {
-        "name": "nav", "request": "start", "queued": True, "state": "RUNNING", "done": True}
-
-
-def test_waiting_sees_a_state_that_passes_at_once(zonectl):
-    result = zonectl("start", "--wait", "brief")
-    assert result.returncode == 0 and result.stdout.endswith("brief: RUNNING\n")
-
-
-def test_waiting_is_bounded(zonectl):
-    begin = time.monotonic()
-    result = zonectl("start", "--wait", "--timeout=1", "stuck")
-    assert refused(result, 1) and "was not RUNNING within 1 s (last state: STOPPED)" in result.stderr
-    assert time.monotonic() - begin < 5
 
 
 class Watch:
@@ -227,11 +143,11 @@ def on_a_terminal(bus, *arguments, **extra):
 
 
 def test_color_only_where_it_is_wanted(bus, service, zonectl):
-    assert "\033[" not in zonectl("state", "media").stdout
-    assert "\033[32mRUNNING\033[0m" in zonectl("state", "media", "--color=always").stdout
-    assert "\033[32mRUNNING\033[0m" in on_a_terminal(bus, "state", "media")
-    assert "\033[" not in on_a_terminal(bus, "state", "media", NO_COLOR="1")
-    assert "\033[" not in on_a_terminal(bus, "state", "media", "--color=never")
+    assert "\033[" not in zonectl("status", "media").stdout
+    assert "\033[32mRUNNING\033[0m" in zonectl("status", "media", "--color=always").stdout
+    assert "\033[32mRUNNING\033[0m" in on_a_terminal(bus, "status", "media")
+    assert "\033[" not in on_a_terminal(bus, "status", "media", NO_COLOR="1")
+    assert "\033[" not in on_a_terminal(bus, "status", "media", "--color=never")
     assert "\033[" not in on_a_terminal(bus, "list", "--json")
 
 

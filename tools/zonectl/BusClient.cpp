@@ -1,6 +1,5 @@
 #include "BusClient.h"
 
-#include "Failure.h"
 #include "Names.h"
 
 #include <utility>
@@ -19,16 +18,22 @@ namespace {
     return g_error_matches(error, G_IO_ERROR, code) != FALSE;
 }
 
-/// Says in the user's words what became of a call.
-[[nodiscard]] Failure describe(const std::string& method, GError* error)
+} // namespace
+
+bool isNoAnswer(const GError* error)
+{
+    return isDBusError(error, G_DBUS_ERROR_NO_REPLY) || isDBusError(error, G_DBUS_ERROR_TIMEOUT) ||
+           isIOError(error, G_IO_ERROR_TIMED_OUT);
+}
+
+Failure describeCallError(const std::string& method, GError* error)
 {
     if (isDBusError(error, G_DBUS_ERROR_SERVICE_UNKNOWN) ||
         isDBusError(error, G_DBUS_ERROR_NAME_HAS_NO_OWNER)) {
         return {EXIT_UNREACHABLE,
                 "the zone manager is not running (nobody owns " + std::string(Names::BUS_NAME) + ")"};
     }
-    if (isDBusError(error, G_DBUS_ERROR_NO_REPLY) || isDBusError(error, G_DBUS_ERROR_TIMEOUT) ||
-        isIOError(error, G_IO_ERROR_TIMED_OUT)) {
+    if (isNoAnswer(error)) {
         return {EXIT_UNREACHABLE, "the zone manager did not answer " + method};
     }
     if (isIOError(error, G_IO_ERROR_CLOSED) || isDBusError(error, G_DBUS_ERROR_DISCONNECTED)) {
@@ -48,8 +53,6 @@ namespace {
     g_dbus_error_strip_remote_error(error);
     return {EXIT_FAILED, method + " failed: " + error->message};
 }
-
-} // namespace
 
 StateSubscription::StateSubscription(GDBusConnection* bus, StateHandler handler)
     : connection(bus), stateHandler(std::move(handler)),
@@ -97,7 +100,7 @@ ZoneCore::GVariantPtr BusClient::call(const char* method, GVariant* parameters, 
                                     parameters, G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NO_AUTO_START,
                                     timeoutMilliseconds, nullptr, ZoneCore::OutError(error)));
     if (!reply) {
-        throw describe(method, error.get());
+        throw describeCallError(method, error.get());
     }
     return reply;
 }
@@ -148,6 +151,21 @@ bool BusClient::request(const char* method, const std::string& zone) const
     return queued != FALSE;
 }
 
+bool BusClient::attach(const std::string& zone, const std::vector<std::string>& commandLine) const
+{
+    GVariantBuilder command;
+    g_variant_builder_init(&command, G_VARIANT_TYPE("as"));
+    for (const std::string& word : commandLine) {
+        g_variant_builder_add(&command, "s", word.c_str());
+    }
+    constexpr gint32 ROOT = 0;
+    const ZoneCore::GVariantPtr reply =
+        call("ZoneAttach", g_variant_new("(sasasii)", zone.c_str(), &command, nullptr, ROOT, ROOT), "(b)");
+    gboolean queued = FALSE;
+    g_variant_get(reply.get(), "(b)", &queued);
+    return queued != FALSE;
+}
+
 bool BusClient::daemonPresent() const
 {
     ZoneCore::GErrorPtr error;
@@ -156,7 +174,7 @@ bool BusClient::daemonPresent() const
         g_variant_new("(s)", Names::BUS_NAME), G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE,
         timeoutMilliseconds, nullptr, ZoneCore::OutError(error)));
     if (!reply) {
-        throw describe("NameHasOwner", error.get());
+        throw describeCallError("NameHasOwner", error.get());
     }
     gboolean present = FALSE;
     g_variant_get(reply.get(), "(b)", &present);

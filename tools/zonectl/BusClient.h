@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Common/Handles.h"
+#include "Failure.h"
 
 #include <chrono>
 #include <functional>
@@ -12,6 +13,12 @@ namespace Zonectl {
 
 /// Called for each state change with the zone's name and the new state's word.
 using StateHandler = std::function<void(const std::string& zone, const std::string& state)>;
+
+/// Says in the user's words what became of a call. Strips the error's text of what the bus library put there.
+[[nodiscard]] Failure describeCallError(const std::string& method, GError* error);
+
+/// Whether the error says that nobody answered a call in time.
+[[nodiscard]] bool isNoAnswer(const GError* error);
 
 /// A standing interest in the daemon's state signal; ends with the object.
 /// The handler runs on the main context that was the thread's default when the interest began.
@@ -51,6 +58,9 @@ public:
     [[nodiscard]] std::string version(const std::string& zone) const;
     /// Calls one of the methods that take a zone and answer whether the request was queued.
     [[nodiscard]] bool request(const char* method, const std::string& zone) const;
+    /// Asks for a command line to be run in a zone, as root and with an empty environment; whether that is
+    /// queued.
+    [[nodiscard]] bool attach(const std::string& zone, const std::vector<std::string>& commandLine) const;
     /// Whether the daemon's name has an owner on the bus.
     [[nodiscard]] bool daemonPresent() const;
 

@@ -77,13 +77,15 @@ struct OptionHelp
 /// The help text: of one command, or of the whole program for an empty or unknown name.
 [[nodiscard]] std::string helpText(std::string_view command);
 
+/// All zones, or those that are named.
 [[nodiscard]] ExitStatus listCommand(const Options& options, const Style& style);
-[[nodiscard]] ExitStatus stateCommand(const Options& options, const Style& style);
-[[nodiscard]] ExitStatus initPidCommand(const Options& options, const Style& style);
+[[nodiscard]] ExitStatus pidCommand(const Options& options, const Style& style);
 [[nodiscard]] ExitStatus versionCommand(const Options& options, const Style& style);
 [[nodiscard]] ExitStatus startCommand(const Options& options, const Style& style);
 [[nodiscard]] ExitStatus stopCommand(const Options& options, const Style& style);
 [[nodiscard]] ExitStatus unfreezeCommand(const Options& options, const Style& style);
+[[nodiscard]] ExitStatus waitCommand(const Options& options, const Style& style);
+[[nodiscard]] ExitStatus attachCommand(const Options& options, const Style& style);
 [[nodiscard]] ExitStatus watchCommand(const Options& options, const Style& style);
 [[nodiscard]] ExitStatus doctorCommand(const Options& options, const Style& style);
 [[nodiscard]] ExitStatus labelsCommand(const Options& options, const Style& style);

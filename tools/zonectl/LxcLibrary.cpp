@@ -123,4 +123,24 @@ ContainerListing LxcLibrary::list(const Machine& machine) const
     return listing;
 }
 
+bool LxcLibrary::askState(const std::string& name, const std::function<void()>& beforeAsking) const
+{
+    const char* path = function<GetGlobalItem>("lxc_get_global_config_item")("lxc.lxcpath");
+    lxc_container** containers = nullptr;
+    const int count =
+        path == nullptr ? 0 : function<ListContainers>("list_defined_containers")(path, nullptr, &containers);
+    bool asked = false;
+    for (int i = 0; i < count; ++i) {
+        if (containers[i]->name == name) {
+            beforeAsking();
+            asked = containers[i]->state(containers[i]) != nullptr;
+        }
+        function<PutContainer>("lxc_container_put")(containers[i]);
+    }
+    if (count > 0) {
+        std::free(containers);
+    }
+    return asked;
+}
+
 } // namespace Zonectl

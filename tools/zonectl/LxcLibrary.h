@@ -2,6 +2,7 @@
 
 #include "Containers.h"
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -33,6 +34,12 @@ public:
 
     /// Lists the containers exactly as the daemon gets to see them. To be called on a usable library only.
     [[nodiscard]] ContainerListing list(const Machine& machine) const;
+
+    /// Asks a container's monitor process for the state, as the daemon does: without a limit, for liblxc
+    /// waits as long as that process lets it. Calls `beforeAsking` right before that. False when the
+    /// container is not listed. To be called on a usable library only.
+    [[nodiscard]] bool askState(const std::string& container,
+                                const std::function<void()>& beforeAsking) const;
 
 private:
     template <typename Function>

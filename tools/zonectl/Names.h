@@ -7,6 +7,7 @@ inline constexpr const char* BUS_NAME = "org.ornix.zoneframework";
 inline constexpr const char* OBJECT_PATH = "/org/ornix/zoneframework";
 inline constexpr const char* INTERFACE = "org.ornix.zoneframework.interface";
 inline constexpr const char* STATE_SIGNAL = "ZoneStateChangedSignal";
+inline constexpr const char* INIT_PID_SOCKET = "zonemanager_socket"; ///< in the abstract name space
 
 inline constexpr const char* LXC_LIBRARY = "/zone/config/liblxc.so.1";
 inline constexpr const char* LAUNCHER = "/zone/config/zone-launcher";

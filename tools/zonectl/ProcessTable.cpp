@@ -112,4 +112,14 @@ bool ProcessTable::hasMonitorOf(std::string_view container) const
     });
 }
 
+const ProcessInfo* ProcessTable::monitorOf(std::string_view lxcPath, std::string_view container) const
+{
+    std::string title(MONITOR_TITLE);
+    title.append(lxcPath).append(" ").append(container);
+    const auto found = std::find_if(processes.begin(), processes.end(), [&title](const auto& entry) {
+        return !entry.second.dead() && entry.second.title == title;
+    });
+    return found == processes.end() ? nullptr : &found->second;
+}
+
 } // namespace Zonectl

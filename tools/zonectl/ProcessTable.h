@@ -40,6 +40,10 @@ public:
     /// Whether some process calls itself LXC's monitor of a container of that name, below whatever path.
     [[nodiscard]] bool hasMonitorOf(std::string_view container) const;
 
+    /// LXC's monitor process of the container of that name below that path; null when there is none, and for
+    /// one in the foreground, which has no such title.
+    [[nodiscard]] const ProcessInfo* monitorOf(std::string_view lxcPath, std::string_view container) const;
+
 private:
     std::map<pid_t, ProcessInfo> processes;
     std::int64_t bootTime = 0;

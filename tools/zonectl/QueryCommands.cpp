@@ -1,49 +1,16 @@
-#include "BusClient.h"
 #include "Commands.h"
-#include "Containers.h"
 #include "Json.h"
-#include "Machine.h"
+#include "Refusal.h"
 #include "Table.h"
+#include "ZoneSurvey.h"
 #include "ZoneWords.h"
 
+#include <algorithm>
 #include <iostream>
 
 namespace Zonectl {
 
 namespace {
-
-/// What the daemon answers in a number's place for a protection zone and for a zone it does not have.
-constexpr int REFUSED = -1;
-
-/// One zone as the daemon and the configuration on disk show it.
-struct ZoneView
-{
-    std::string name;
-    ZUP::ZoneType kind = ZUP::ZONE_TYPE_NONE; ///< from the configuration; none when that is not readable
-    int state = REFUSED;
-    int initPid = REFUSED;
-
-    [[nodiscard]] bool refused() const { return state == REFUSED; }
-};
-
-[[noreturn]] void throwRefused(const std::string& zone)
-{
-    throw Failure(EXIT_FAILED,
-                  "zone '" + zone + "' is refused: it is a protection zone, or the daemon does not have it");
-}
-
-[[nodiscard]] ZoneView viewOf(const BusClient& client, const Machine& machine, const std::string& lxcPath,
-                              const std::string& name)
-{
-    ZoneView view;
-    view.name = name;
-    view.kind = readContainer(machine, lxcPath, name).kind;
-    view.state = client.zoneState(name);
-    if (!view.refused()) {
-        view.initPid = client.initPid(name);
-    }
-    return view;
-}
 
 /// Why the daemon refuses a listed zone, as far as its configuration tells.
 [[nodiscard]] std::string refusalWord(const ZoneView& view)
@@ -60,6 +27,12 @@ struct ZoneView
     return "refused";
 }
 
+/// The daemon names a zone's last init process even when it does not run.
+[[nodiscard]] bool hasInit(const ZoneView& view)
+{
+    return view.initPid > 0 && view.state && *view.state != "STOPPED" && *view.state != "NONE";
+}
+
 void printJson(const std::vector<ZoneView>& views)
 {
     JsonWriter json;
@@ -67,103 +40,75 @@ void printJson(const std::vector<ZoneView>& views)
     for (const ZoneView& view : views) {
         json.beginObject().name("name").text(view.name).name("kind");
         view.kind == ZUP::ZONE_TYPE_NONE ? json.null() : json.text(kindWord(view.kind));
-        json.name("access").text(view.refused() ? refusalWord(view) : "granted").name("state");
-        view.refused() ? json.null() : json.text(stateWord(view.state));
-        json.name("init_pid");
-        view.initPid < 1 ? json.null() : json.number(view.initPid);
+        json.name("access");
+        view.fromProc ? json.null() : json.text(view.refused ? refusalWord(view) : "granted");
+        json.name("state").textOrNull(view.state).name("init_pid");
+        hasInit(view) ? json.number(view.initPid) : json.null();
+        json.name("automatic");
+        view.automatic ? json.boolean(*view.automatic) : json.null();
+        json.name("source").text(view.fromProc ? "proc" : "daemon").name("note");
+        view.note.empty() ? json.null() : json.text(view.note);
         json.endObject();
     }
     std::cout << json.endArray().finish(JsonWriter::Layout::Indented) << "\n";
 }
 
-void printTable(const std::vector<ZoneView>& views, const Style& style)
+/// A state that is not the daemon's word has a question mark.
+[[nodiscard]] Cell stateCell(const ZoneView& view)
 {
-    Table table({"NAME", "KIND", "STATE", "INIT PID"});
-    for (const ZoneView& view : views) {
-        const std::string kind(kindWord(view.kind));
-        const Cell state = view.refused() ? Cell{refusalWord(view), Tone::Muted}
-                                          : Cell{stateWord(view.state), stateTone(stateWord(view.state))};
-        table.add({{view.name},
-                   {kind.empty() ? "-" : kind},
-                   state,
-                   {view.initPid < 1 ? "-" : std::to_string(view.initPid)}});
+    if (view.refused) {
+        return {refusalWord(view), Tone::Muted};
     }
-    std::cout << table.render(style);
+    const std::string word = view.state.value_or("");
+    return {view.fromProc ? word + "?" : word, view.fromProc ? Tone::Warning : stateTone(word)};
 }
 
-/// Prints one fact about one zone: bare as text, with its name as JSON.
-void printFact(const Options& options, const char* member, const std::string& text, const Style& style,
-               Tone tone)
+[[nodiscard]] std::string automaticWord(const ZoneView& view)
 {
-    if (options.json) {
-        JsonWriter json;
-        json.beginObject().name("name").text(options.arguments[0]).name(member).text(text).endObject();
-        std::cout << json.finish(JsonWriter::Layout::Indented) << "\n";
-        return;
+    if (!view.automatic) {
+        return "-";
     }
-    std::cout << style.paint(tone, printable(text)) << "\n";
+    return *view.automatic ? "yes" : "no";
+}
+
+void printTable(const std::vector<ZoneView>& views, const Style& style)
+{
+    const bool noted =
+        std::any_of(views.begin(), views.end(), [](const ZoneView& view) { return !view.note.empty(); });
+    std::vector<std::string> headings = {"NAME", "KIND", "STATE", "INIT PID", "AUTO"};
+    if (noted) {
+        headings.emplace_back("NOTE");
+    }
+    Table table(std::move(headings));
+    for (const ZoneView& view : views) {
+        const std::string kind(kindWord(view.kind));
+        table.add({{view.name},
+                   {kind.empty() ? "-" : kind},
+                   stateCell(view),
+                   {hasInit(view) ? std::to_string(view.initPid) : "-"},
+                   {automaticWord(view)},
+                   {view.note, Tone::Warning}});
+    }
+    std::cout << table.render(style);
 }
 
 } // namespace
 
 ExitStatus listCommand(const Options& options, const Style& style)
 {
-    const BusClient client(options.patience());
-    const Machine machine{""};
-    const std::string lxcPath = configuredLxcPath(machine);
-    std::vector<ZoneView> views;
-    for (const std::string& name : client.zoneNames()) {
-        views.push_back(viewOf(client, machine, lxcPath, name));
-    }
+    const ZoneSurvey survey = surveyZones(options.arguments, options.timeout);
     if (options.json) {
-        printJson(views);
-    } else {
-        printTable(views, style);
+        printJson(survey.zones);
+    } else if (!survey.zones.empty()) {
+        printTable(survey.zones, style);
     }
-    return EXIT_OK;
-}
-
-ExitStatus stateCommand(const Options& options, const Style& style)
-{
-    const std::string& zone = options.arguments[0];
-    const int state = BusClient(options.patience()).zoneState(zone);
-    if (state == REFUSED) {
-        throwRefused(zone);
+    if (survey.trouble) {
+        throw Failure(*survey.trouble);
     }
-    printFact(options, "state", stateWord(state), style, stateTone(stateWord(state)));
-    return EXIT_OK;
-}
-
-ExitStatus initPidCommand(const Options& options, const Style& /*style*/)
-{
-    const std::string& zone = options.arguments[0];
-    const BusClient client(options.patience());
-    const int pid = client.initPid(zone);
-    if (pid < 1) {
-        // A zone that does not run and one that is refused answer alike; the state tells them apart.
-        if (client.zoneState(zone) == REFUSED) {
-            throwRefused(zone);
-        }
-        throw Failure(EXIT_FAILED, "zone '" + zone + "' has no init process");
+    if (!survey.unknown.empty()) {
+        throw Failure(EXIT_FAILED, "no such zone: " + nameList(survey.unknown) +
+                                       " (there are: " + nameList(survey.known) + ")");
     }
-    if (options.json) {
-        JsonWriter json;
-        json.beginObject().name("name").text(zone).name("init_pid").number(pid).endObject();
-        std::cout << json.finish(JsonWriter::Layout::Indented) << "\n";
-    } else {
-        std::cout << pid << "\n";
-    }
-    return EXIT_OK;
-}
-
-ExitStatus versionCommand(const Options& options, const Style& style)
-{
-    const std::string& zone = options.arguments[0];
-    const std::string version = BusClient(options.patience()).version(zone);
-    if (version == "none") {
-        throwRefused(zone);
-    }
-    printFact(options, "version", version, style, Tone::Plain);
     return EXIT_OK;
 }
 

@@ -7,8 +7,8 @@ namespace Zonectl {
 
 namespace {
 
-constexpr std::array STATE_WORDS = {"NONE",     "STOPPED",  "STARTING", "RUNNING", "STOPPING",
-                                    "ABORTING", "FREEZING", "FROZEN",   "THAWED"};
+constexpr std::array<const char*, 9> STATE_WORDS = {"NONE",     "STOPPED",  "STARTING", "RUNNING", "STOPPING",
+                                                    "ABORTING", "FREEZING", "FROZEN",   "THAWED"};
 static_assert(STATE_WORDS.size() == ZoneCore::THAWED + 1);
 
 struct KindName
@@ -32,6 +32,11 @@ std::string stateWord(int state)
         return "UNKNOWN(" + std::to_string(state) + ")";
     }
     return STATE_WORDS.at(static_cast<std::size_t>(state));
+}
+
+std::span<const char* const> stateWords()
+{
+    return STATE_WORDS;
 }
 
 std::string_view kindWord(ZUP::ZoneType kind)

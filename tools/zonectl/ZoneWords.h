@@ -2,6 +2,7 @@
 
 #include "Common/ZoneTypes.h"
 
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -9,6 +10,9 @@ namespace Zonectl {
 
 /// The word of a state number as the daemon sends it; "UNKNOWN(N)" outside of the known values.
 [[nodiscard]] std::string stateWord(int state);
+
+/// The words of all states, in the order of their numbers.
+[[nodiscard]] std::span<const char* const> stateWords();
 
 /// The word of a zone's kind: "isolation", "hybrid", "protection"; empty for `ZONE_TYPE_NONE`.
 [[nodiscard]] std::string_view kindWord(ZUP::ZoneType kind);

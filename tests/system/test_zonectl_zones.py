@@ -1,0 +1,227 @@
+"""zonectl's zones among real containers: what it tells of them, what it asks for, and how it waits."""
+
+import contextlib
+import json
+import os
+import signal
+from pathlib import Path
+
+import pytest
+from zonetest import BUILD, READY, init_pid_address
+
+ZONECTL = BUILD / "bin" / "zonectl"
+HANG_GUARD = 30
+OK, FAILED, USAGE, UNREACHABLE, TIME_LIMIT = 0, 1, 2, 3, 4
+SERVICE = ("org.ornix.zoneframework", "/org/ornix/zoneframework", "org.ornix.zoneframework.interface")
+
+
+class Zonectl:
+    def __init__(self, root):
+        self.root = root
+
+    def run(self, *arguments, status=OK):
+        result = self.root.run([ZONECTL, *arguments], check=False, timeout=HANG_GUARD)
+        assert result.returncode == status, f"{result.stdout}{result.stderr}"
+        return result
+
+    def json(self, *arguments, status=OK):
+        return json.loads(self.run(*arguments, "--json", status=status).stdout)
+
+    def zones(self, command="list", *names, status=OK):
+        return {zone["name"]: zone for zone in self.json(command, *names, status=status)}
+
+    def popen(self, *arguments):
+        return self.root.popen([ZONECTL, *arguments], stdout=-1, stderr=-1, text=True)
+
+    @property
+    def processes(self):
+        """The processes of the program that live, also those that it made."""
+        found = []
+        for pid in self.root.pids():
+            with contextlib.suppress(OSError):
+                if Path(f"/proc/{pid}/comm").read_text().strip() == "zonectl":
+                    found.append(pid)
+        return found
+
+
+@pytest.fixture
+def zonectl(root):
+    return Zonectl(root)
+
+
+@pytest.fixture
+def managed(zones, bus, daemon):
+    """Two zones that run, one that is to be started, and one that nobody may control."""
+    zones.define("blue", "isolation", auto=True)
+    zones.define("gold", "protection")
+    zones.define("green", "hybrid")
+    zones.define("red", "hybrid", auto=True)
+    daemon.start(wait=READY)
+    bus.wait_owned()
+    for name in ("blue", "red"):
+        daemon.wait_for(f"Now, {name} is running", timeout=40)
+    return zones
+
+
+@pytest.fixture
+def silence(root):
+    """Stops LXC's monitor process of a container; at the end each goes on, whatever has happened."""
+    stopped = []
+
+    def stop(name):
+        title = f"[lxc monitor] /var/lib/lxc {name}".encode()
+        for pid in root.pids():
+            with contextlib.suppress(OSError):
+                if Path(f"/proc/{pid}/cmdline").read_bytes().rstrip(b"\0") == title:
+                    stopped.append(pid)
+                    os.kill(pid, signal.SIGSTOP)
+        assert len(stopped) == 1, "there is one monitor of that name in the root"
+
+    yield stop
+    for pid in stopped:
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(pid, signal.SIGCONT)
+
+
+def test_what_is_told_of_each_zone(managed, zonectl):
+    told = zonectl.zones()
+    assert list(told) == ["blue", "gold", "green", "red"]
+    assert told["blue"] == {
+        "name": "blue",
+        "kind": "isolation",
+        "access": "granted",
+        "state": "RUNNING",
+        "init_pid": managed.init_pid("blue"),
+        "automatic": True,
+        "source": "daemon",
+        "note": None,
+    }
+    assert (told["green"]["state"], told["green"]["init_pid"], told["green"]["automatic"]) == (
+        "STOPPED",
+        None,
+        False,
+    )
+    assert (told["gold"]["access"], told["gold"]["state"]) == ("protected", None)
+    assert zonectl.zones("status", "red") == {"red": told["red"]}
+    assert int(zonectl.run("pid", "blue").stdout) == managed.init_pid("blue")
+    assert "no isolation zone" in zonectl.run("pid", "red", status=FAILED).stderr
+
+
+def test_a_silent_monitor_spoils_neither_the_answer_nor_the_daemon(managed, silence, zonectl, bus, daemon):
+    """liblxc waits for the monitor without a limit, and with it the daemon, if it were asked."""
+    blue = managed.init_pid("blue")
+    silence("blue")
+    told = zonectl.zones()
+    assert told["blue"] == {
+        "name": "blue",
+        "kind": "isolation",
+        "access": None,
+        "state": "RUNNING",
+        "init_pid": blue,
+        "automatic": True,
+        "source": "proc",
+        "note": "monitor silent, from /proc",
+    }
+    assert {name: told[name]["source"] for name in ("gold", "green", "red")} == {
+        "gold": "daemon",
+        "green": "daemon",
+        "red": "daemon",
+    }
+    assert told["red"]["state"] == "RUNNING"
+    assert zonectl.processes == []
+    row = next(line for line in zonectl.run("status", "blue").stdout.splitlines() if "blue" in line)
+    assert row.split()[:5] == ["blue", "isolation", "RUNNING?", str(blue), "yes"]
+    assert row.endswith("  monitor silent, from /proc")
+    assert bus.call("ZoneGetState", "red") == 3
+    assert daemon.running
+
+
+def test_a_zone_of_a_silent_monitor_can_be_waited_for(managed, silence, zonectl, bus):
+    """Then only signals tell of it, and nothing that has asked the monitor is left."""
+    silence("blue")
+    waiting = zonectl.popen("wait", "blue", "STOPPED", "--timeout=3")
+    told = waiting.popen.stderr.readline() + waiting.popen.stderr.readline()
+    assert "blue: its LXC monitor is silent" in told and "blue: waiting up to 3 s for STOPPED" in told
+    assert zonectl.processes == [waiting.pid]
+    assert waiting.wait() == TIME_LIMIT
+    assert "(last state: unknown)" in waiting.popen.stderr.read()
+    assert bus.call("ZoneGetState", "red") == 3
+
+
+def test_a_daemon_that_waits_for_a_silent_monitor_itself(managed, silence, zonectl, root, daemon):
+    silence("blue")
+    asking = root.popen(["busctl", "--timeout=120", "call", *SERVICE, "ZoneGetState", "s", "blue"], stdout=-1)
+    daemon.wait_for("[DBus] ZoneGetState on zone 'blue'")
+    told = zonectl.zones(status=UNREACHABLE)
+    assert {name: (zone["state"], zone["source"]) for name, zone in told.items()} == {
+        "blue": ("RUNNING", "proc"),
+        "gold": ("STOPPED", "proc"),
+        "green": ("STOPPED", "proc"),
+        "red": ("RUNNING", "proc"),
+    }
+    assert "did not answer in time" in zonectl.run("status", "red", status=UNREACHABLE).stderr
+    request = zonectl.run("start", "--wait", "--timeout=1", "green", status=UNREACHABLE)
+    assert "did not answer ZoneGetState" in request.stderr
+    assert asking.running
+
+
+def test_without_a_daemon_the_processes_tell(zones, bus, root, zonectl):
+    zones.define("blue", "isolation")
+    zones.define("red", auto=True)
+    zones.start("blue")
+    root.run(["lxc-freeze", "-n", "blue"])
+    told = zonectl.zones(status=UNREACHABLE)
+    assert (told["blue"]["state"], told["blue"]["init_pid"]) == ("FROZEN", zones.init_pid("blue"))
+    assert (told["red"]["state"], told["red"]["automatic"]) == ("STOPPED", True)
+    result = zonectl.run("status", "red", "nosuch", status=UNREACHABLE)
+    assert "the zone manager is not running" in result.stderr
+    assert "STOPPED?" in result.stdout and "nosuch" not in result.stdout
+
+
+@pytest.fixture
+def init_pid_server(root):
+    """A socket where the daemon's would be; nobody accepts until the test does."""
+    with root.socket() as server:
+        server.bind(init_pid_address())
+        yield server
+
+
+def test_pid_without_a_server(root, zonectl):
+    assert "nobody serves the init-pid socket" in zonectl.run("pid", "blue", status=UNREACHABLE).stderr
+    assert "up to 63 bytes" in zonectl.run("pid", "b" * 64, status=USAGE).stderr
+
+
+def test_pid_of_a_server_that_never_answers(init_pid_server, zonectl):
+    init_pid_server.listen(1)
+    assert "did not answer in time" in zonectl.run("pid", "blue", "--timeout=1", status=TIME_LIMIT).stderr
+
+
+def test_pid_of_a_server_that_is_full(init_pid_server, root, zonectl):
+    """A connect waits then, as a read does."""
+    init_pid_server.listen(0)
+    with root.socket() as other:
+        other.connect(init_pid_address())
+        assert "did not answer in time" in zonectl.run("pid", "blue", "--timeout=1", status=TIME_LIMIT).stderr
+
+
+@pytest.mark.parametrize(
+    ("answer", "status", "text"),
+    [
+        (b"17", OK, "17\n"),
+        (b"0", FAILED, "'blue' is no isolation zone"),
+        (b"-1", FAILED, "zone 'blue' has not run"),
+        (b"", FAILED, "which is no number"),
+        (b"17x", FAILED, "answered '17x', which is no number"),
+        (b"9" * 30, FAILED, "which is no number"),
+    ],
+)
+def test_what_the_socket_answers(init_pid_server, zonectl, answer, status, text):
+    init_pid_server.listen(1)
+    asking = zonectl.popen("pid", "blue")
+    client, _ = init_pid_server.accept()
+    with client:
+        assert client.recv(64) == b"blue"
+        client.sendall(answer)
+    output, errors = asking.popen.communicate(timeout=HANG_GUARD)
+    assert asking.popen.returncode == status
+    assert text in (errors if status else output)
