@@ -101,11 +101,11 @@ TEST_F(ZoneContextTest, IsMadeOnFirstUse)
     log.clear();
     auto* first = ZoneContext::singleton();
     EXPECT_EQ(ZoneContext::singleton(), first);
-    EXPECT_THAT(log.texts(), ElementsAre("I ZoneContext object is created",
-                                         "I Singletone object of Zone Context is created..."));
+    EXPECT_THAT(ownTexts(log), ElementsAre("I ZoneContext object is created",
+                                           "I Singletone object of Zone Context is created..."));
     log.clear();
     ZoneContext::deleteSingleton();
-    EXPECT_THAT(log.texts(), ElementsAre("I ZoneContext object is destroyed"));
+    EXPECT_THAT(ownTexts(log), ElementsAre("I ZoneContext object is destroyed"));
 }
 
 TEST_F(ZoneContextTest, NeedsAPath)
@@ -114,7 +114,7 @@ TEST_F(ZoneContextTest, NeedsAPath)
     auto* context = ZoneContext::singleton();
     log.clear();
     EXPECT_FALSE(context->initialize());
-    EXPECT_THAT(log.texts(), ElementsAre("E Failed to get lxc base path"));
+    EXPECT_THAT(ownTexts(log), ElementsAre("E Failed to get lxc base path"));
     ZoneContext::deleteSingleton();
 }
 
@@ -125,7 +125,7 @@ TEST_F(ZoneContextTest, NeedsAContainer)
         control.set(file);
         log.clear();
         EXPECT_FALSE(context->initialize());
-        EXPECT_THAT(log.texts(), ElementsAre("E lxc containers (base path : /zone-test)"));
+        EXPECT_THAT(ownTexts(log), ElementsAre("E lxc containers (base path : /zone-test)"));
         control.remove(file);
     }
     ZoneContext::deleteSingleton();
@@ -225,10 +225,10 @@ TEST_F(ZoneContextTest, KnowsNobodyWhileItIsEmpty)
     auto* context = ZoneContext::singleton();
     log.clear();
     EXPECT_EQ(context->getZone("alpha"), nullptr);
-    EXPECT_THAT(log.texts(), ElementsAre("E There is no zone information (zone name : alpha)"));
+    EXPECT_THAT(ownTexts(log), ElementsAre("E There is no zone information (zone name : alpha)"));
     log.clear();
     EXPECT_TRUE(context->isRunningZoneThreads());
-    EXPECT_THAT(log.texts(), IsEmpty());
+    EXPECT_THAT(ownTexts(log), IsEmpty());
     EXPECT_TRUE(context->startAutoStartZones());
     ZoneContext::deleteSingleton();
 }
