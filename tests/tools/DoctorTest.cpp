@@ -1,7 +1,9 @@
 #include "Doctor.h"
+#include "FindingIds.h"
 #include "TemporaryTree.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <gtest/gtest.h>
 
 using namespace Zonectl;
@@ -9,20 +11,23 @@ using namespace Zonectl;
 namespace {
 
 /// A system with one sound hybrid zone: the kind whose labels are not enforced.
-void makeHybridZone(const TemporaryTree& tree, const std::string& name)
+void makeHybridZone(const TemporaryTree& tree, const std::string& name, const std::string& more = "")
 {
     tree.write("/var/lib/lxc/" + name + "/config", "zone.container_type = hybrid\n"
                                                    "lxc.rootfs.path = /var/lib/lxc/" +
                                                        name + "\nlxc.cgroup.dir.container = lxc.payload/" +
-                                                       name + "\n");
+                                                       name + "\nlxc.cgroup.dir.monitor = lxc.monitor/" +
+                                                       name + "\nlxc.cgroup.dir.monitor.pivot = lxc.pivot\n" +
+                                                       more);
     tree.makeDirectory("/opt/var/lib/lxc");
 }
 
-[[nodiscard]] const Finding* findingAbout(const Diagnosis& diagnosis, const std::string& subject)
+/// The finding of that name; null when there is none, or more than one.
+[[nodiscard]] const Diagnosed* findingCalled(const Diagnosis& diagnosis, std::string_view id)
 {
-    const auto found = std::find_if(diagnosis.findings.begin(), diagnosis.findings.end(),
-                                    [&](const Finding& finding) { return finding.subject == subject; });
-    return found == diagnosis.findings.end() ? nullptr : &*found;
+    const auto is = [id](const Diagnosed& finding) { return finding.id == id; };
+    const auto found = std::find_if(diagnosis.findings.begin(), diagnosis.findings.end(), is);
+    return std::count_if(diagnosis.findings.begin(), diagnosis.findings.end(), is) == 1 ? &*found : nullptr;
 }
 
 } // namespace
@@ -36,29 +41,6 @@ TEST(ControllerLists, TakesVersionOneWithoutNamedHierarchies)
     EXPECT_TRUE(controllerLists("garbage\n1:\n").empty());
 }
 
-TEST(RefusalReasons, NamesEverythingThatIsWrong)
-{
-    const TemporaryTree tree;
-    ContainerInfo container;
-    container.name = "x";
-    EXPECT_EQ(refusalReasons(Machine(tree.root()), "/var/lib/lxc", container, false).size(), 2U)
-        << "no kind and no root file system";
-    container.kind = ZUP::ZONE_TYPE_HYBRID;
-    container.rootfsPath = "/r";
-    const auto reasons = refusalReasons(Machine(tree.root()), "/var/lib/lxc", container, false);
-    ASSERT_EQ(reasons.size(), 3U) << "none of the three directories is there";
-    EXPECT_EQ(reasons[0], "/var/lib/lxc/x: missing");
-}
-
-TEST(RefusalReasons, AHybridZoneNeedsNoLabel)
-{
-    const TemporaryTree tree;
-    makeHybridZone(tree, "x");
-    const Machine machine(tree.root());
-    EXPECT_TRUE(
-        refusalReasons(machine, "/var/lib/lxc", readContainer(machine, "/var/lib/lxc", "x"), false).empty());
-}
-
 TEST(Examine, OneRefusedContainerBlocksTheAutomaticStart)
 {
     const TemporaryTree tree;
@@ -69,9 +51,39 @@ TEST(Examine, OneRefusedContainerBlocksTheAutomaticStart)
     ASSERT_EQ(diagnosis.refused.size(), 1U);
     EXPECT_EQ(diagnosis.refused[0].name, "bad");
     EXPECT_TRUE(diagnosis.automaticStartBlocked());
-    const Finding* finding = findingAbout(diagnosis, "automatic start");
-    ASSERT_NE(finding, nullptr);
-    EXPECT_EQ(finding->severity, Severity::Problem);
+    EXPECT_EQ(findingCalled(diagnosis, FindingIds::AUTOSTART), nullptr);
+}
+
+TEST(Examine, NamesEverythingForWhichAContainerIsRefused)
+{
+    const TemporaryTree tree;
+    tree.makeDirectory("/opt/var/lib/lxc");
+    tree.write("/var/lib/lxc/bad/config", "lxc.start.auto = 1\n");
+    const Diagnosis diagnosis = examine(Machine(tree.root()));
+    ASSERT_EQ(diagnosis.refused.size(), 1U);
+    EXPECT_EQ(diagnosis.refused[0].reasons.size(), 2U) << "no kind and no root file system";
+    const Diagnosed* first = findingCalled(diagnosis, FindingIds::CONTAINER_NO_KIND);
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(first->message, "Failed to create the zone object...bad");
+    const Diagnosed* second = findingCalled(diagnosis, FindingIds::CONTAINER_NO_ROOTFS);
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(second->message, "") << "the daemon has stopped looking by then";
+}
+
+TEST(Examine, AMissingBaseIsToldOnce)
+{
+    const TemporaryTree tree;
+    makeHybridZone(tree, "a");
+    makeHybridZone(tree, "b");
+    std::filesystem::remove_all(tree.root() + "/opt/var");
+    const Diagnosis diagnosis = examine(Machine(tree.root()));
+    EXPECT_EQ(diagnosis.refused.size(), 2U);
+    const auto count =
+        std::count_if(diagnosis.findings.begin(), diagnosis.findings.end(), [](const Diagnosed& finding) {
+            return finding.subject == "/opt/var/lib/lxc" && finding.severity == Severity::Problem;
+        });
+    EXPECT_EQ(count, 1);
+    EXPECT_EQ(findingCalled(diagnosis, FindingIds::CONTAINER_PATH), nullptr);
 }
 
 TEST(Examine, SoundContainersDoNotBlock)
@@ -80,18 +92,17 @@ TEST(Examine, SoundContainersDoNotBlock)
     makeHybridZone(tree, "good");
     const Diagnosis diagnosis = examine(Machine(tree.root()));
     EXPECT_FALSE(diagnosis.automaticStartBlocked());
-    ASSERT_NE(findingAbout(diagnosis, "automatic start"), nullptr);
-    EXPECT_EQ(findingAbout(diagnosis, "automatic start")->severity, Severity::Ok);
-    EXPECT_EQ(findingAbout(diagnosis, "good")->severity, Severity::Ok);
+    EXPECT_NE(findingCalled(diagnosis, FindingIds::AUTOSTART), nullptr);
+    EXPECT_NE(findingCalled(diagnosis, FindingIds::CONTAINER), nullptr);
     EXPECT_TRUE(diagnosis.hasProblems()) << "liblxc and the launcher are missing in this tree";
 }
 
 TEST(Examine, NoContainerAtAllIsAProblem)
 {
     const TemporaryTree tree;
-    const Diagnosis diagnosis = examine(Machine(tree.root()));
-    ASSERT_NE(findingAbout(diagnosis, "containers"), nullptr);
-    EXPECT_EQ(findingAbout(diagnosis, "containers")->severity, Severity::Problem);
+    EXPECT_NE(findingCalled(examine(Machine(tree.root())), FindingIds::LXC_PATH_MISSING), nullptr);
+    tree.makeDirectory("/var/lib/lxc");
+    EXPECT_NE(findingCalled(examine(Machine(tree.root())), FindingIds::CONTAINERS_NONE), nullptr);
 }
 
 TEST(Examine, WarnsOfTheDistributionsOwnUnits)
@@ -102,18 +113,36 @@ TEST(Examine, WarnsOfTheDistributionsOwnUnits)
     // Below another root such a link leads nowhere, and counts all the same.
     std::filesystem::create_symlink("/nowhere", tree.root() + wants + "/lxc-monitord.service");
     const Diagnosis diagnosis = examine(Machine(tree.root()));
-    EXPECT_NE(findingAbout(diagnosis, "lxc-monitord.service"), nullptr);
-    EXPECT_EQ(findingAbout(diagnosis, "lxc.service"), nullptr);
+    EXPECT_NE(findingCalled(diagnosis, FindingIds::UNIT_MONITORD), nullptr);
+    EXPECT_EQ(findingCalled(diagnosis, FindingIds::UNIT_LXC), nullptr);
 }
 
 TEST(Examine, WarnsOfControlGroupsThatAreNotCleanedUp)
 {
     const TemporaryTree tree;
-    makeHybridZone(tree, "good");
-    tree.write("/var/lib/lxc/good/config", "zone.container_type = 2\nlxc.rootfs.path = /var/lib/lxc/good\n");
+    makeHybridZone(tree, "good", "lxc.cgroup.dir.container = elsewhere\n");
     const Diagnosis diagnosis = examine(Machine(tree.root()));
-    EXPECT_TRUE(std::any_of(diagnosis.findings.begin(), diagnosis.findings.end(), [](const Finding& finding) {
-        return finding.severity == Severity::Warning &&
-               finding.remedy.find("lxc.cgroup.dir.container = lxc.payload/good") != std::string::npos;
-    }));
+    const Diagnosed* finding = findingCalled(diagnosis, FindingIds::CONTAINER_CGROUPS);
+    ASSERT_NE(finding, nullptr);
+    ASSERT_EQ(finding->repairs.size(), 1U);
+    EXPECT_EQ(finding->repairs[0].value, "lxc.cgroup.dir.container = lxc.payload/good\n")
+        << "the other two keys are as they should be";
+}
+
+TEST(Examine, WarnsOfAValueThatDoesNotStartAutomatically)
+{
+    const TemporaryTree tree;
+    makeHybridZone(tree, "good", "lxc.start.auto = 2\n");
+    EXPECT_NE(findingCalled(examine(Machine(tree.root())), FindingIds::CONTAINER_AUTOSTART), nullptr);
+}
+
+TEST(Examine, RemediesForAnotherRootNameItsFiles)
+{
+    const TemporaryTree tree;
+    makeHybridZone(tree, "good", "lxc.start.auto = 2\n");
+    for (const Diagnosed& finding : examine(Machine(tree.root())).findings) {
+        if (!finding.repairs.empty()) {
+            EXPECT_NE(finding.remedy.find(tree.root() + "/"), std::string::npos) << finding.remedy;
+        }
+    }
 }

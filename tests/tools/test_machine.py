@@ -22,7 +22,9 @@ def container(root, name, kind, *lines):
     directory = root / "var/lib/lxc" / name
     (directory / "rootfs").mkdir(parents=True)
     text = [f"lxc.rootfs.path = dir:/var/lib/lxc/{name}/rootfs",
-            f"lxc.cgroup.dir.container = lxc.payload/{name}"]
+            f"lxc.cgroup.dir.container = lxc.payload/{name}",
+            f"lxc.cgroup.dir.monitor = lxc.monitor/{name}",
+            "lxc.cgroup.dir.monitor.pivot = lxc.pivot"]
     text += [f"zone.container_type = {kind}"] if kind else []
     (directory / "config").write_text("\n".join([*text, *lines]) + "\n")
     return directory
@@ -36,6 +38,12 @@ def machine(tmp_path):
     (config / "liblxc.so.1").write_bytes(b"")
     (config / "zone-launcher").write_text("#!/bin/sh\n")
     (config / "zone-launcher").chmod(0o755)
+    (tmp_path / "bin").mkdir()
+    (tmp_path / "bin/sh").write_bytes(b"")
+    (tmp_path / "bin/sh").chmod(0o755)
+    policy = tmp_path / "usr/share/dbus-1/system.d/org.ornix.zoneframework.conf"
+    policy.parent.mkdir(parents=True)
+    policy.write_text((bus_fixtures.REPOSITORY / "packaging/dbus" / policy.name).read_text())
     labelled(tmp_path / "run/lxc", "!")
     labelled(tmp_path / "opt/zone/template/securedata", "!")
     (tmp_path / "opt/var/lib/lxc").mkdir(parents=True)
@@ -69,7 +77,8 @@ def test_a_container_without_a_kind_is_reported_loudly(machine, kind):
     assert status == 1 and report["automatic_start_blocked"]
     assert [refused["name"] for refused in report["refused"]] == ["broken"]
     text = bus_fixtures.zonectl("doctor", "--root", str(machine)).stdout
-    assert "NOTHING STARTS AUTOMATICALLY" in text and "2 containers are listed, 1 of them" in text
+    assert text.startswith("*** NOTHING STARTS AUTOMATICALLY ***\n2 containers are listed, 1 of them become")
+    assert "until some zone reaches RUNNING another way" in text
 
 
 @pytest.mark.parametrize("path, breaks", [
@@ -102,7 +111,8 @@ def test_a_missing_base_of_the_writable_directories(machine):
     (machine / "opt/var/lib/lxc").rmdir()
     status, report = doctor(machine)
     assert status == 1
-    assert findings(report, "problem")["/opt/var/lib/lxc"]["remedy"] == "mkdir -p /opt/var/lib/lxc"
+    remedy = findings(report, "problem")["/opt/var/lib/lxc"]["remedy"]
+    assert remedy == f"mkdir -p {machine}/opt/var/lib/lxc", "for this system, not for the running one"
     assert report["refused"][0]["name"] == "media"
 
 

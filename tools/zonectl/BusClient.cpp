@@ -181,6 +181,25 @@ bool BusClient::daemonPresent() const
     return present != FALSE;
 }
 
+std::optional<pid_t> BusClient::ownerPid() const
+{
+    constexpr const char* METHOD = "GetConnectionUnixProcessID";
+    ZoneCore::GErrorPtr error;
+    const ZoneCore::GVariantPtr reply(g_dbus_connection_call_sync(
+        bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", METHOD,
+        g_variant_new("(s)", Names::BUS_NAME), G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE,
+        timeoutMilliseconds, nullptr, ZoneCore::OutError(error)));
+    if (g_error_matches(error.get(), G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER) != FALSE) {
+        return std::nullopt;
+    }
+    if (!reply) {
+        throw describeCallError(METHOD, error.get());
+    }
+    guint pid = 0;
+    g_variant_get(reply.get(), "(u)", &pid);
+    return static_cast<pid_t>(pid);
+}
+
 std::unique_ptr<StateSubscription> BusClient::onStateChange(StateHandler handler) const
 {
     return std::make_unique<StateSubscription>(bus.get(), std::move(handler));

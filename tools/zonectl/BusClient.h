@@ -6,7 +6,9 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace Zonectl {
@@ -63,6 +65,8 @@ public:
     [[nodiscard]] bool attach(const std::string& zone, const std::vector<std::string>& commandLine) const;
     /// Whether the daemon's name has an owner on the bus.
     [[nodiscard]] bool daemonPresent() const;
+    /// The process that owns the daemon's name; nothing when nobody does.
+    [[nodiscard]] std::optional<pid_t> ownerPid() const;
 
     [[nodiscard]] std::unique_ptr<StateSubscription> onStateChange(StateHandler handler) const;
     /// The connection; owned by the client.

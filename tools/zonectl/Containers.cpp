@@ -11,6 +11,7 @@ namespace {
 
 constexpr int DEEPEST_INCLUDE = 8;
 constexpr std::string_view KIND_KEY = "zone.container_type";
+constexpr std::string_view INCLUDED_KIND = "#zone.container_type"; // no line of a file has such a key
 constexpr std::string_view BLANKS = " \t\r";
 
 [[nodiscard]] std::string_view trimmed(std::string_view text)
@@ -30,7 +31,7 @@ void collectLines(const Machine& machine, const std::string& path, int depth, st
     }
     for (ConfigLine& line : parseConfig(machine.read(path).value_or(""))) {
         if (line.first == KIND_KEY && depth > 0) {
-            continue; // counts only in the container's own file
+            line.first = INCLUDED_KIND; // counts only in the container's own file
         }
         if (line.first != "lxc.include") {
             lines.push_back(std::move(line));
@@ -46,16 +47,34 @@ void collectLines(const Machine& machine, const std::string& path, int depth, st
     }
 }
 
-[[nodiscard]] std::string configPath(const std::string& lxcPath, const std::string& name)
-{
-    return lxcPath + "/" + name + "/config";
-}
-
 /// A root file system without the storage driver in front of it.
 [[nodiscard]] std::string withoutDriver(const std::string& rootfs)
 {
     constexpr std::string_view DIRECTORY_DRIVER = "dir:";
     return rootfs.starts_with(DIRECTORY_DRIVER) ? rootfs.substr(DIRECTORY_DRIVER.size()) : rootfs;
+}
+
+[[nodiscard]] bool isNetworkType(std::string_view key)
+{
+    return key.starts_with("lxc.net.") && key.ends_with(".type");
+}
+
+void takeLine(ContainerInfo& container, const std::string& key, const std::string& value)
+{
+    if (key == "lxc.start.auto") {
+        container.autoStartText = value;
+        container.autoStart = value == "1";
+    } else if (key == "lxc.rootfs.path") {
+        container.rootfsPath = withoutDriver(value);
+    } else if (key == "lxc.cgroup.dir.container") {
+        container.payloadCgroup = value;
+    } else if (key == "lxc.cgroup.dir.monitor") {
+        container.monitorCgroup = value;
+    } else if (key == "lxc.cgroup.dir.monitor.pivot") {
+        container.pivotCgroup = value;
+    } else if (isNetworkType(key)) {
+        container.sharesNetwork = value == "none";
+    }
 }
 
 } // namespace
@@ -87,31 +106,40 @@ std::string configuredLxcPath(const Machine& machine)
     return path;
 }
 
+bool ContainerInfo::kindIsUntold() const
+{
+    return kind == ZUP::ZONE_TYPE_NONE && kindFromText(kindText) != ZUP::ZONE_TYPE_NONE;
+}
+
+std::string configPath(const std::string& lxcPath, const std::string& name)
+{
+    return lxcPath + "/" + name + "/config";
+}
+
 ContainerInfo readContainer(const Machine& machine, const std::string& lxcPath, const std::string& name)
 {
     std::vector<ConfigLine> lines;
     collectLines(machine, configPath(lxcPath, name), 0, lines);
     ContainerInfo container;
     container.name = name;
-    ZUP::ZoneType librarysOwnKind = ZUP::ZONE_TYPE_NONE;
+    std::string librarysOwnKind;
     for (const auto& [key, value] : lines) {
         if (key == KIND_KEY) {
-            container.kind = kindFromText(value);
+            container.kindText = value;
+        } else if (key == INCLUDED_KIND) {
+            container.includedKind = value;
         } else if (key == "lxc.container_type") {
-            librarysOwnKind = kindFromText(value);
-        } else if (key == "lxc.start.auto") {
-            container.autoStart = value == "1";
-        } else if (key == "lxc.rootfs.path") {
-            container.rootfsPath = withoutDriver(value);
-        } else if (key == "lxc.cgroup.dir.container") {
-            container.payloadCgroup = value;
-        } else if (key == "lxc.cgroup.dir.monitor") {
-            container.monitorCgroup = value;
+            container.hasLibraryKey = true;
+            librarysOwnKind = value;
+        } else {
+            takeLine(container, key, value);
         }
     }
+    container.kind = kindFromText(container.kindText);
     // A device's own liblxc knows the key that stock liblxc does not.
-    if (container.kind == ZUP::ZONE_TYPE_NONE) {
-        container.kind = librarysOwnKind;
+    if (container.kind == ZUP::ZONE_TYPE_NONE && !librarysOwnKind.empty()) {
+        container.kindText = librarysOwnKind;
+        container.kind = kindFromText(librarysOwnKind);
     }
     return container;
 }

@@ -16,10 +16,19 @@ struct ContainerInfo
 {
     std::string name;
     ZUP::ZoneType kind = ZUP::ZONE_TYPE_NONE;
+    std::string kindText{};     ///< as the configuration file itself words it; empty when it does not
+    std::string includedKind{}; ///< as an included file words it, where it does not count
     bool autoStart = false;
-    std::string rootfsPath;    ///< empty when the configuration names none
-    std::string payloadCgroup; ///< "lxc.cgroup.dir.container"
-    std::string monitorCgroup; ///< "lxc.cgroup.dir.monitor"
+    std::string autoStartText{}; ///< as the configuration words it; empty when it does not
+    bool sharesNetwork = false;  ///< the machine's own network, with its abstract sockets
+    std::string rootfsPath;      ///< empty when the configuration names none
+    std::string payloadCgroup;   ///< "lxc.cgroup.dir.container"
+    std::string monitorCgroup;   ///< "lxc.cgroup.dir.monitor"
+    std::string pivotCgroup;     ///< "lxc.cgroup.dir.monitor.pivot"
+    bool hasLibraryKey = false;  ///< the line "lxc.container_type", which stock liblxc does not know
+
+    /// Whether the file names a kind and liblxc does not tell it.
+    [[nodiscard]] bool kindIsUntold() const;
 };
 
 /// The containers that are defined below one LXC path.
@@ -38,6 +47,9 @@ using ConfigLine = std::pair<std::string, std::string>;
 
 /// The LXC path that the system's lxc.conf names, or the usual one.
 [[nodiscard]] std::string configuredLxcPath(const Machine& machine);
+
+/// The container's configuration file.
+[[nodiscard]] std::string configPath(const std::string& lxcPath, const std::string& name);
 
 /// Reads one container's configuration file and what it includes. What cannot be read stays at its default.
 [[nodiscard]] ContainerInfo readContainer(const Machine& machine, const std::string& lxcPath,

@@ -3,13 +3,25 @@
 #include "Containers.h"
 #include "Findings.h"
 #include "Machine.h"
+#include "Repair.h"
 
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace Zonectl {
+
+/// One thing that the doctor looked at.
+struct Diagnosed
+{
+    std::string_view id; ///< one of `FindingIds`
+    std::string subject{};
+    Severity severity = Severity::Problem;
+    std::string text{};
+    std::string remedy{};          ///< what to do; a shell command wherever one does it
+    std::string message{};         ///< what the daemon writes because of it
+    std::vector<Repair> repairs{}; ///< the remedy, where this program can apply it itself
+};
 
 /// A container that the daemon lists and does not take as a zone.
 struct RefusedContainer
@@ -21,19 +33,15 @@ struct RefusedContainer
 /// All that was found out about a machine.
 struct Diagnosis
 {
-    std::vector<Finding> findings;
+    std::vector<Diagnosed> findings;
     std::vector<RefusedContainer> refused;
     std::size_t listed = 0; ///< containers that the daemon counts
 
-    /// The daemon waits for as many zones as containers are listed before it starts the first, so that one
-    /// refused container keeps every zone from starting automatically.
+    /// The daemon waits for as many zones as containers are listed before it asks for the first start. A
+    /// refused one keeps all from being started automatically, until a zone reaches RUNNING some other way.
     [[nodiscard]] bool automaticStartBlocked() const { return !refused.empty(); }
     [[nodiscard]] bool hasProblems() const;
 };
-
-/// Why the daemon would refuse the container; empty when it takes it.
-[[nodiscard]] std::vector<std::string> refusalReasons(const Machine& machine, const std::string& lxcPath,
-                                                      const ContainerInfo& container, bool smackKernel);
 
 /// The controller lists of a "/proc/self/cgroup" text that the daemon's clean-up looks at: those of cgroup
 /// version 1 without the named hierarchies.

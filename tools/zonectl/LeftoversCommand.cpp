@@ -3,14 +3,13 @@
 #include "Json.h"
 #include "LeftoverRemoval.h"
 #include "Leftovers.h"
+#include "Question.h"
 #include "Table.h"
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <iostream>
 #include <optional>
-#include <poll.h>
 #include <unistd.h>
 
 namespace Zonectl {
@@ -75,7 +74,7 @@ void checkOptions(const Options& options)
     if (options.clean && !options.root.empty()) {
         throw Failure(EXIT_USAGE, "--clean works on the running machine only, not with --root");
     }
-    if (options.clean && !options.yes && (isatty(STDIN_FILENO) != 1 || isatty(STDERR_FILENO) != 1)) {
+    if (options.clean && !options.yes && !canAsk()) {
         throw Failure(EXIT_USAGE, "--clean asks before each removal and needs a terminal for it; --yes "
                                   "removes without asking");
     }
@@ -96,23 +95,10 @@ void checkOptions(const Options& options)
     }
 }
 
-/// Asks on the terminal; nothing when there is no answer in time.
-[[nodiscard]] std::optional<bool> ask(const Leftover& leftover, std::chrono::seconds patience)
+[[nodiscard]] std::string questionAbout(const Leftover& leftover)
 {
-    std::cerr << verbFor(leftover.kind) << " the " << leftoverWord(leftover.kind) << " "
-              << printable(placeOf(leftover)) << " (" << printable(leftover.why) << ")? [y/N] " << std::flush;
-    pollfd input{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
-    const auto limit = std::chrono::duration_cast<std::chrono::milliseconds>(patience);
-    if (poll(&input, 1, static_cast<int>(limit.count())) != 1) {
-        std::cerr << "\n";
-        return std::nullopt;
-    }
-    std::array<char, 256> answer{}; // a terminal gives one line at a time
-    const ssize_t length = read(STDIN_FILENO, answer.data(), answer.size());
-    if (length < 1) {
-        std::cerr << "\n";
-    }
-    return length > 0 && (answer[0] == 'y' || answer[0] == 'Y');
+    return std::string(verbFor(leftover.kind)) + " the " + std::string(leftoverWord(leftover.kind)) + " " +
+           placeOf(leftover) + " (" + leftover.why + ")?";
 }
 
 /// Between the look and the removal, and while a question waits for its answer, the container may have been
@@ -140,7 +126,7 @@ void clean(std::vector<LeftoverView>& views, const Machine& machine, const Optio
             continue;
         }
         if (!options.yes && answer) {
-            answer = ask(view.leftover, options.patience());
+            answer = ask(questionAbout(view.leftover), options.patience());
         }
         if (answer.value_or(false)) {
             remove(view, machine);

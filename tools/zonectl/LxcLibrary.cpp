@@ -1,5 +1,7 @@
 #include "LxcLibrary.h"
 
+#include "ProgramFile.h"
+#include "QuietCorner.h"
 #include "ZoneWords.h"
 
 #include <algorithm>
@@ -37,10 +39,24 @@ constexpr int RUNNING_ON_THE_WIRE = 2;
     return length < 1 ? std::string() : std::string(buffer.data());
 }
 
+/// What only the file tells: how something is worded there.
+void addWording(ContainerInfo& info, ContainerInfo&& file)
+{
+    info.kindText = std::move(file.kindText);
+    info.includedKind = std::move(file.includedKind);
+    info.autoStartText = std::move(file.autoStartText);
+    info.sharesNetwork = file.sharesNetwork;
+}
+
 } // namespace
 
-LxcLibrary::LxcLibrary(const std::string& path) : handle(dlopen(path.c_str(), RTLD_LAZY | RTLD_LOCAL))
+LxcLibrary::LxcLibrary(const std::string& path)
 {
+    if (isCutShort(Machine(""), path)) {
+        loadError = path + " is cut short";
+        return;
+    }
+    handle = dlopen(path.c_str(), RTLD_LAZY | RTLD_LOCAL);
     if (handle == nullptr) {
         const char* reason = dlerror();
         loadError = reason != nullptr ? reason : "unknown error";
@@ -93,6 +109,7 @@ ContainerInfo LxcLibrary::describe(lxc_container& container)
     info.rootfsPath = item(container, "lxc.rootfs.path");
     info.payloadCgroup = item(container, "lxc.cgroup.dir.container");
     info.monitorCgroup = item(container, "lxc.cgroup.dir.monitor");
+    info.pivotCgroup = item(container, "lxc.cgroup.dir.monitor.pivot");
     return info;
 }
 
@@ -104,14 +121,9 @@ ContainerListing LxcLibrary::list(const Machine& machine) const
         return listing;
     }
     listing.lxcPath = path;
-    lxc_container** containers = nullptr;
-    const int count = function<ListContainers>("list_defined_containers")(path, nullptr, &containers);
-    for (int i = 0; i < count; ++i) {
-        listing.containers.push_back(describe(*containers[i]));
-        function<PutContainer>("lxc_container_put")(containers[i]);
-    }
-    if (count > 0) {
-        std::free(containers);
+    addContainers(listing);
+    for (ContainerInfo& info : listing.containers) {
+        addWording(info, readContainer(machine, listing.lxcPath, info.name));
     }
     for (const std::string& name : configuredNames(machine, listing.lxcPath)) {
         const bool listed = std::any_of(listing.containers.begin(), listing.containers.end(),
@@ -121,6 +133,21 @@ ContainerListing LxcLibrary::list(const Machine& machine) const
         }
     }
     return listing;
+}
+
+void LxcLibrary::addContainers(ContainerListing& listing) const
+{
+    const QuietCorner corner;
+    lxc_container** containers = nullptr;
+    const int count =
+        function<ListContainers>("list_defined_containers")(listing.lxcPath.c_str(), nullptr, &containers);
+    for (int i = 0; i < count; ++i) {
+        listing.containers.push_back(describe(*containers[i]));
+        function<PutContainer>("lxc_container_put")(containers[i]);
+    }
+    if (count > 0) {
+        std::free(containers);
+    }
 }
 
 bool LxcLibrary::askState(const std::string& name, const std::function<void()>& beforeAsking) const

@@ -44,9 +44,10 @@ public:
 private:
     template <typename Function>
     [[nodiscard]] Function function(const char* name) const;
+    void addContainers(ContainerListing& listing) const;
     [[nodiscard]] static ContainerInfo describe(lxc_container& container);
 
-    void* handle;
+    void* handle = nullptr;
     std::string loadError;
     std::vector<std::string> missingFunctions;
 };

@@ -1,7 +1,10 @@
 #include "Machine.h"
 
+#include "Names.h"
+
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -14,8 +17,8 @@ namespace Zonectl {
 
 namespace {
 
-constexpr const char* LABEL_ATTRIBUTE = "security.SMACK64";
 constexpr std::size_t LONGEST_LABEL = 4096;
+constexpr mode_t PERMISSIONS = 07777;
 
 [[nodiscard]] std::optional<struct stat> statusOf(const std::string& path)
 {
@@ -58,6 +61,8 @@ std::optional<FileStatus> Machine::status(const std::string& path) const
         return std::nullopt;
     }
     return FileStatus{.isFifo = S_ISFIFO(found->st_mode),
+                      .mode = found->st_mode & PERMISSIONS,
+                      .owner = found->st_uid,
                       .modified = found->st_mtim.tv_sec,
                       .deviceMajor = major(found->st_dev),
                       .deviceMinor = minor(found->st_dev),
@@ -70,10 +75,36 @@ bool Machine::onReadOnlyMount(const std::string& path) const
     return statvfs(at(path).c_str(), &system) == 0 && (system.f_flag & ST_RDONLY) != 0;
 }
 
+bool Machine::cannotHoldLabels(const std::string& path) const
+{
+    return getxattr(at(path).c_str(), Names::LABEL_ATTRIBUTE, nullptr, 0) < 0 && errno == ENOTSUP;
+}
+
+std::optional<FreeSpace> Machine::freeSpace(const std::string& path) const
+{
+    struct statvfs system = {};
+    if (statvfs(at(path).c_str(), &system) != 0) {
+        return std::nullopt;
+    }
+    FreeSpace space{.bytes = system.f_bavail * system.f_frsize, .files = std::nullopt};
+    if (system.f_files > 0) {
+        space.files = system.f_favail;
+    }
+    // Those without any blocks, such as ramfs, do not count.
+    return system.f_blocks == 0 ? std::nullopt : std::optional(space);
+}
+
+std::string Machine::linkTarget(const std::string& path) const
+{
+    std::error_code error;
+    return std::filesystem::read_symlink(at(path), error).string();
+}
+
 std::optional<std::string> Machine::label(const std::string& path) const
 {
     std::array<char, LONGEST_LABEL> buffer = {};
-    const ssize_t length = getxattr(at(path).c_str(), LABEL_ATTRIBUTE, buffer.data(), buffer.size() - 1);
+    const ssize_t length =
+        getxattr(at(path).c_str(), Names::LABEL_ATTRIBUTE, buffer.data(), buffer.size() - 1);
     if (length < 1) {
         return std::nullopt;
     }

@@ -12,6 +12,8 @@ namespace Zonectl {
 struct FileStatus
 {
     bool isFifo = false;
+    unsigned int mode = 0; ///< the permission bits
+    unsigned int owner = 0;
     std::int64_t modified = 0; ///< seconds since the epoch
     unsigned int deviceMajor = 0;
     unsigned int deviceMinor = 0;
@@ -22,6 +24,13 @@ struct FileStatus
     {
         return deviceMajor == other.deviceMajor && deviceMinor == other.deviceMinor && inode == other.inode;
     }
+};
+
+/// What is left of a file system.
+struct FreeSpace
+{
+    std::uint64_t bytes = 0;
+    std::optional<std::uint64_t> files; ///< nothing where they are not counted
 };
 
 /// A system's files: the running machine's, or those below another root. Only looks, never changes.
@@ -35,6 +44,9 @@ public:
     /// Whether this is the machine that the program runs on.
     [[nodiscard]] bool live() const { return root.empty(); }
 
+    /// The other root's directory; empty for the running machine.
+    [[nodiscard]] const std::string& rootDirectory() const { return root; }
+
     /// Whether the path exists; a symbolic link counts only when it leads somewhere.
     [[nodiscard]] bool exists(const std::string& path) const;
     /// Whether there is anything of that name, a dangling link included.
@@ -46,6 +58,11 @@ public:
     [[nodiscard]] std::optional<FileStatus> status(const std::string& path) const;
     /// Whether the path lies on a read-only mount; false when that cannot be found out.
     [[nodiscard]] bool onReadOnlyMount(const std::string& path) const;
+    /// Whether the path's file system can hold no label.
+    [[nodiscard]] bool cannotHoldLabels(const std::string& path) const;
+    [[nodiscard]] std::optional<FreeSpace> freeSpace(const std::string& path) const;
+    /// What a symbolic link says; empty when it cannot be read.
+    [[nodiscard]] std::string linkTarget(const std::string& path) const;
     /// The path's Smack label; nothing when it has none or it cannot be read.
     [[nodiscard]] std::optional<std::string> label(const std::string& path) const;
     /// The file's text, which may be empty; nothing when it cannot be read.
