@@ -123,8 +123,8 @@ def test_a_word_that_can_only_be_one_is_written_out(terminal):
 
 
 def test_all_that_a_word_may_be_is_offered(terminal):
-    assert terminal.offered("zonectl sta") == ["start", "state"]
-    assert terminal.offered("zonectl --json state ") == ["guard", "icy", "media", "nav"]
+    assert terminal.offered("zonectl sta") == ["start", "status"]
+    assert terminal.offered("zonectl --json status ") == ["guard", "icy", "media", "nav"]
 
 
 def test_an_option_and_its_value_are_completed(terminal):
