@@ -70,6 +70,10 @@ class MockService:
 
     def stop(self):
         self.process.terminate()
+        self.wait()
+
+    def wait(self):
+        """Waits for its end, as when its bus has gone."""
         self.process.wait(DEADLINE)
         self.process.stdout.close()
 
@@ -84,3 +88,9 @@ def zonectl(*arguments, address="unix:path=/nonexistent", **extra):
     """Runs the program to its end."""
     return subprocess.run([str(ZONECTL), *arguments], env=environment(address, **extra), text=True,
                           capture_output=True, timeout=DEADLINE, check=False)
+
+
+def refused(result, status):
+    """The command failed with this status, and said why in one line."""
+    return (result.returncode == status and result.stderr.startswith("zonectl: ")
+            and result.stderr.count("\n") == 1)

@@ -3,20 +3,11 @@
 import json
 import os
 import pty
-import re
-import signal
 import subprocess
 
 import bus_fixtures
 import pytest
-
-TIME = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}[+-]\d\d:\d\d"
-
-
-def refused(result, status):
-    """The command failed with this status, and said why in one line."""
-    return (result.returncode == status and result.stderr.startswith("zonectl: ")
-            and result.stderr.count("\n") == 1)
+from bus_fixtures import refused
 
 
 @pytest.mark.parametrize("arguments", [
@@ -64,70 +55,6 @@ def test_an_error_stays_on_one_line(zonectl):
     assert refused(result, 1) and result.stderr == "zonectl: ZoneGetState failed: no?mood\n"
 
 
-class Watch:
-    """A running `zonectl watch` that listens already."""
-
-    def __init__(self, bus, *arguments):
-        self.process = subprocess.Popen([str(bus_fixtures.ZONECTL), "watch", *arguments],
-                                        env=bus_fixtures.environment(bus.address), text=True,
-                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        bus.wait_for_match("ZoneStateChangedSignal")
-
-    def end(self, number):
-        self.process.send_signal(number)
-        output, errors = self.process.communicate(timeout=bus_fixtures.DEADLINE)
-        return self.process.returncode, output, errors
-
-
-@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
-def test_watch_prints_each_change_at_once_and_ends_well(bus, service, zonectl, number):
-    watch = Watch(bus)
-    zonectl("start", "--wait", "nav")
-    lines = [watch.process.stdout.readline() for _ in range(2)]
-    assert re.fullmatch(f"{TIME}  nav  STARTING\n", lines[0])
-    assert re.fullmatch(f"{TIME}  nav  RUNNING\n", lines[1])
-    status, _, errors = watch.end(number)
-    assert (status, errors) == (0, "")
-
-
-def test_watch_of_one_zone_as_json(bus, service, zonectl):
-    watch = Watch(bus, "--json", "media")
-    zonectl("start", "--wait", "nav")
-    zonectl("stop", "--wait", "media")
-    change = json.loads(watch.process.stdout.readline())
-    assert re.fullmatch(TIME, change.pop("time"))
-    assert change == {"name": "media", "state": "STOPPED"}
-    assert watch.end(signal.SIGINT) == (0, "", "")
-
-
-def test_watch_passes_over_a_malformed_signal(bus, service):
-    watch = Watch(bus, "--json")
-    subprocess.run(["dbus-send", f"--bus={bus.address}", "--print-reply", "--dest=org.ornix.zoneframework",
-                    "/org/ornix/zoneframework", "org.ornix.zoneframework.interface.ZoneLock", "string:nav"],
-                   check=True, capture_output=True, timeout=bus_fixtures.DEADLINE)
-    assert json.loads(watch.process.stdout.readline())["name"] == "nav"
-    assert watch.end(signal.SIGINT) == (0, "", "")
-
-
-def test_watch_ends_after_its_time(zonectl):
-    result = zonectl("watch", "--timeout", "1")
-    assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
-
-
-def test_watch_outlives_the_daemon_and_not_the_bus(tmp_path):
-    bus = bus_fixtures.PrivateBus(tmp_path)
-    service = bus_fixtures.MockService(bus.address)
-    watch = Watch(bus)
-    service.stop()
-    assert "has left the bus" in watch.process.stderr.readline()
-    service = bus_fixtures.MockService(bus.address)
-    assert "is back" in watch.process.stderr.readline()
-    bus.stop()
-    service.process.wait(bus_fixtures.DEADLINE)
-    service.process.stdout.close()
-    _, errors = watch.process.communicate(timeout=bus_fixtures.DEADLINE)
-    assert watch.process.returncode == 3
-    assert errors == "zonectl: the connection to the bus was lost\n"
 
 
 def on_a_terminal(bus, *arguments, **extra):

@@ -27,8 +27,14 @@ constexpr std::array COMMANDS = {
             Arguments::CommandLine, TAKES_NOTHING, attachCommand},
     Command{"version", "[NAME]", "the versions of zonectl and the daemon", 0, 1, Arguments::Zones,
             TAKES_NOTHING, versionCommand},
-    Command{"watch", "[NAME]", "print state changes until interrupted", 0, 1, Arguments::Zones, TAKES_NOTHING,
-            watchCommand},
+    Command{"watch", "[NAME...]", "the states of zones, then every change", 0, ANY_NUMBER, Arguments::Zones,
+            TAKES_RAW | TAKES_RECORD, watchCommand},
+    Command{"top", "[NAME...]", "a live table of states, processor and memory", 0, ANY_NUMBER,
+            Arguments::Zones, TAKES_NOTHING, topCommand},
+    Command{"replay", "FILE", "show what watch --record wrote", 1, 1, Arguments::Files, TAKES_NOTHING,
+            replayCommand},
+    Command{"diff", "FILE FILE", "compare two recordings", 2, 2, Arguments::Files, TAKES_NOTHING,
+            diffCommand},
     Command{"doctor", "[--fix] [--root DIR]", "what the machine lacks for the daemon to work", 0, 0,
             Arguments::None, TAKES_ROOT | TAKES_FIX | TAKES_YES, doctorCommand},
     Command{"labels", "[--root DIR]", "the Smack labels that are and that should be", 0, 0, Arguments::None,
@@ -42,8 +48,8 @@ constexpr std::array COMMANDS = {
 constexpr std::array OPTIONS = {
     OptionHelp{"--json", "", "machine-readable output", TAKES_NOTHING, nullptr},
     OptionHelp{"--timeout", " SECONDS",
-               "how long a call, a wait, watch, explain or a question may\n"
-               "last (mostly 30 by default, without end for watch)",
+               "how long a call, a wait, watch, top, explain or a question\n"
+               "may last (mostly 30; watch and top have no end)",
                TAKES_NOTHING, nullptr},
     OptionHelp{"--color", "=WHEN", "auto, always or never", TAKES_NOTHING, nullptr},
     OptionHelp{"--wait", "[=SECONDS]", "wait until it has happened", TAKES_WAIT,
@@ -57,6 +63,10 @@ constexpr std::array OPTIONS = {
                [](const Options& options) { return !options.root.empty(); }},
     OptionHelp{"--file", " FILE", "read the log in FILE, - for standard input", TAKES_FILE,
                [](const Options& options) { return !options.file.empty(); }},
+    OptionHelp{"--raw", "", "by the subscribers' socket, without a bus", TAKES_RAW,
+               [](const Options& options) { return options.raw; }},
+    OptionHelp{"--record", " FILE", "write what is seen to a new FILE", TAKES_RECORD,
+               [](const Options& options) { return !options.record.empty(); }},
     OptionHelp{"--version", "", "the version of this program", TAKES_NOTHING, nullptr},
     OptionHelp{"--help", "", "this text, or that of a command (-h)", TAKES_NOTHING, nullptr},
 };

@@ -87,6 +87,9 @@ struct OptionHelp
 [[nodiscard]] ExitStatus waitCommand(const Options& options, const Style& style);
 [[nodiscard]] ExitStatus attachCommand(const Options& options, const Style& style);
 [[nodiscard]] ExitStatus watchCommand(const Options& options, const Style& style);
+[[nodiscard]] ExitStatus topCommand(const Options& options, const Style& style);
+[[nodiscard]] ExitStatus replayCommand(const Options& options, const Style& style);
+[[nodiscard]] ExitStatus diffCommand(const Options& options, const Style& style);
 [[nodiscard]] ExitStatus doctorCommand(const Options& options, const Style& style);
 [[nodiscard]] ExitStatus labelsCommand(const Options& options, const Style& style);
 [[nodiscard]] ExitStatus explainCommand(const Options& options, const Style& style);

@@ -176,6 +176,13 @@ std::vector<ControlGroup> lxcControlGroups(const Machine& machine)
     return search.take();
 }
 
+ControlGroup controlGroupAt(const Machine& machine, const std::string& path)
+{
+    ControlGroup group{.path = path};
+    collectProcesses(machine, path, 0, group);
+    return group;
+}
+
 FreezerState freezerState(const Machine& machine, const std::string& path)
 {
     if (const std::string word = firstWord(machine.read(path + "/freezer.state")); !word.empty()) {

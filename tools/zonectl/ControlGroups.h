@@ -45,6 +45,9 @@ struct FreezerState
 /// The control groups of LXC's usual forms directly below each mount point, in the order of the mounts.
 [[nodiscard]] std::vector<ControlGroup> lxcControlGroups(const Machine& machine);
 
+/// A control group by its path alone, with the processes in it and below.
+[[nodiscard]] ControlGroup controlGroupAt(const Machine& machine, const std::string& path);
+
 /// Reads a group's freezer; a hierarchy without one counts as thawed.
 [[nodiscard]] FreezerState freezerState(const Machine& machine, const std::string& path);
 

@@ -27,7 +27,7 @@ constexpr std::size_t LONGEST_LINE = std::size_t{1024} * 1024;
 {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
     if (left <= 0) {
-        throw Failure(EXIT_TIME_LIMIT, "the log did not come to its end within the time limit (--timeout)");
+        throw Failure(EXIT_TIME_LIMIT, "the input did not come to its end within the time limit (--timeout)");
     }
     return static_cast<int>(left);
 }
@@ -45,7 +45,7 @@ constexpr std::size_t LONGEST_LINE = std::size_t{1024} * 1024;
             return static_cast<std::size_t>(count);
         }
         if (errno != EINTR && errno != EAGAIN) {
-            throw Failure(EXIT_FAILED, std::string("the log cannot be read: ") + std::strerror(errno));
+            throw Failure(EXIT_FAILED, std::string("the input cannot be read: ") + std::strerror(errno));
         }
     }
 }

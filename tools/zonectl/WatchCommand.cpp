@@ -1,59 +1,63 @@
-#include "BusClient.h"
+#include "BusLink.h"
+#include "ChangeSource.h"
 #include "Commands.h"
-#include "Json.h"
-#include "Names.h"
+#include "Containers.h"
+#include "DaemonCalls.h"
+#include "RecordingFile.h"
+#include "WatchOutput.h"
+#include "ZoneWords.h"
 
+#include <algorithm>
 #include <csignal>
 #include <glib-unix.h>
 #include <iostream>
+#include <optional>
+#include <set>
 
 namespace Zonectl {
 
 namespace {
 
-/// The local time with microseconds and zone, as ISO 8601 writes it.
-[[nodiscard]] std::string timeStamp()
+/// How long a zone's present state is waited for.
+constexpr std::chrono::seconds ANSWER_LIMIT(3);
+
+constexpr const char* BUS = "bus"; ///< outranks the daemon, of which nothing is known without it
+
+void note(const std::string& text)
 {
-    using DateTimePtr = std::unique_ptr<GDateTime, ZoneCore::FreeWith<g_date_time_unref>>;
-    using StringPtr = std::unique_ptr<char, ZoneCore::FreeWith<g_free>>;
-    const DateTimePtr now(g_date_time_new_now_local());
-    const StringPtr text(g_date_time_format(now.get(), "%Y-%m-%dT%H:%M:%S.%f%:z"));
-    return text.get();
+    std::cerr << "zonectl: " << printable(text) << std::endl;
 }
 
-/// Prints each state change until it is told to end.
-class Watcher
+/// The states of zones, then each change, until it is told to end.
+class Watcher : private ChangeSource::Listener, private BusLink::Observer
 {
 public:
     Watcher(const Options& commandOptions, const Style& outputStyle)
-        : options(commandOptions), style(outputStyle), client(options.patience()),
-          loop(g_main_loop_new(nullptr, FALSE)),
-          subscription(client.onStateChange(
-              [this](const std::string& zone, const std::string& state) { print(zone, state); }))
-    {}
+        : options(commandOptions), style(outputStyle), loop(g_main_loop_new(nullptr, FALSE))
+    {
+        if (!options.record.empty()) {
+            recording.emplace(options.record);
+        }
+        source = options.raw ? makeRecordSource(configuredLxcPath(Machine("")), *this)
+                             : makeSignalSource(link, *this);
+        link.observe(*this); // behind the source, so that it listens before anybody asks
+    }
 
     [[nodiscard]] ExitStatus run()
     {
-        if (!client.daemonPresent()) {
-            throw Failure(EXIT_UNREACHABLE, "the zone manager is not running (nobody owns " +
-                                                std::string(Names::BUS_NAME) + ")");
-        }
-        g_signal_connect(client.connection(), "closed", G_CALLBACK(&Watcher::busClosedCallback), this);
         g_unix_signal_add(SIGINT, &Watcher::endCallback, this);
         g_unix_signal_add(SIGTERM, &Watcher::endCallback, this);
-        const guint nameWatch = g_bus_watch_name_on_connection(
-            client.connection(), Names::BUS_NAME, G_BUS_NAME_WATCHER_FLAGS_NONE,
-            &Watcher::daemonAppearedCallback, &Watcher::daemonVanishedCallback, this, nullptr);
         if (options.timeout) {
             g_timeout_add_seconds(static_cast<guint>(options.timeout->count()), &Watcher::endCallback, this);
         }
-        g_main_loop_run(loop.get());
-        g_bus_unwatch_name(nameWatch);
-        if (busLost) {
-            throw Failure(EXIT_UNREACHABLE, "the connection to the bus was lost");
+        link.start();
+        source->start();
+        if (!failure) {
+            g_main_loop_run(loop.get());
         }
-        if (outputLost) {
-            throw Failure(EXIT_FAILED, "the output could not be written");
+        end();
+        if (failure) {
+            throw Failure(*failure);
         }
         return EXIT_OK;
     }
@@ -65,62 +69,215 @@ private:
         return G_SOURCE_CONTINUE; // the process ends; until then a second Ctrl-C changes nothing
     }
 
-    static void busClosedCallback(GDBusConnection* /*bus*/, gboolean /*remote*/, GError* /*error*/,
-                                  gpointer data)
-    {
-        static_cast<Watcher*>(data)->busLost = true;
-        static_cast<void>(endCallback(data));
-    }
+    // What the source tells
 
-    static void daemonAppearedCallback(GDBusConnection* /*bus*/, const gchar* /*name*/,
-                                       const gchar* /*owner*/, gpointer data)
+    void sourceUp() override
     {
-        auto* self = static_cast<Watcher*>(data);
-        if (self->daemonLeft) {
-            std::cerr << "zonectl: the zone manager is back" << std::endl;
+        if (recording && !everUp) {
+            record(headerLine(headerOfNow(sourceName())));
         }
-        self->daemonLeft = false;
-    }
-
-    static void daemonVanishedCallback(GDBusConnection* bus, const gchar* /*name*/, gpointer data)
-    {
-        auto* self = static_cast<Watcher*>(data);
-        if (bus == nullptr || g_dbus_connection_is_closed(bus) != FALSE) {
-            return; // the end of the connection has its own message
+        if (down) {
+            note("the " + down->who + " is back");
         }
-        self->daemonLeft = true;
-        std::cerr << "zonectl: the zone manager has left the bus; waiting for it" << std::endl;
+        endGap();
+        everUp = true;
+        changedSince.clear();
+        askDue = true;
+        askPresent();
     }
 
-    /// One line at once: a reader behind a pipe sees each change when it happens.
-    void print(const std::string& zone, const std::string& state)
+    void sourceDown(const std::string& who) override
     {
-        if (!options.arguments.empty() && options.arguments[0] != zone) {
+        calls.reset();
+        askDue = false;
+        // A bus that ends takes leave of one after another: the daemon may be seen to go first.
+        if (!down || (down->who != who && who == BUS)) {
+            down = Absence{down ? down->since : recordingClock(), who};
+            note("the " + who + " has left; waiting for it");
+        }
+    }
+
+    void sourceMissing(const std::string& reason) override
+    {
+        if (!everUp) {
+            fail({EXIT_UNREACHABLE, reason});
+        }
+    }
+
+    void sourceRefused(const std::string& reason) override { fail({EXIT_FAILED, reason}); }
+
+    void changed(const std::string& zone, const std::string& state) override
+    {
+        if (wanted(zone)) {
+            changedSince.insert(zone);
+            emit({.kind = WatchEvent::Kind::State, .at = recordingClock(), .zone = zone, .state = state});
+        }
+    }
+
+    // What the bus tells
+
+    void busConnected(GDBusConnection* /*bus*/) override {}
+    void daemonAppeared() override { askPresent(); }
+    void daemonAbsent() override { calls.reset(); }
+
+    void busLost(const std::string& reason) override
+    {
+        calls.reset();
+        if (options.raw) {
+            sayOnce("no present states, since the bus cannot be reached: " + reason);
+        }
+    }
+
+    // The present states
+
+    /// Asks once after the source has come up, as soon as there is somebody to ask.
+    void askPresent()
+    {
+        if (!askDue || !link.daemonPresent()) {
             return;
         }
-        if (options.json) {
-            JsonWriter json;
-            json.beginObject().name("time").text(timeStamp()).name("name").text(zone);
-            json.name("state").text(state).endObject();
-            std::cout << json.finish(JsonWriter::Layout::OneLine) << std::endl;
-        } else {
-            std::cout << style.paint(Tone::Muted, timeStamp()) << "  " << printable(zone) << "  "
-                      << style.paint(stateTone(state), printable(state)) << std::endl;
+        askDue = false;
+        calls.emplace(link.connection(), ANSWER_LIMIT);
+        if (!options.arguments.empty()) {
+            askStates(options.arguments);
+            return;
         }
-        if (!std::cout) {
-            outputLost = true;
-            g_main_loop_quit(loop.get());
+        calls->askNames([this](const std::vector<std::string>& names) { askStates(names); },
+                        [this](const Failure& reason) { sayNoPresentStates(reason); });
+    }
+
+    void askStates(const std::vector<std::string>& names)
+    {
+        for (const std::string& name : names) {
+            calls->askState(
+                name, [this, name](int state) { takePresent(name, state); },
+                [this, name](const Failure& reason) { takeNoPresent(name, reason); });
         }
     }
+
+    void takePresent(const std::string& zone, int state)
+    {
+        WatchEvent event = {.kind = WatchEvent::Kind::Present, .zone = zone};
+        if (state < 0) {
+            event.note = "refused";
+        } else {
+            event.state = stateWord(state);
+        }
+        emitPresent(std::move(event));
+    }
+
+    void takeNoPresent(const std::string& zone, const Failure& reason)
+    {
+        if (reason.status() == EXIT_UNREACHABLE) {
+            emitPresent({.kind = WatchEvent::Kind::Present, .zone = zone, .note = "no answer"});
+        } else {
+            sayNoPresentStates(reason);
+        }
+    }
+
+    void emitPresent(WatchEvent event)
+    {
+        if (!changedSince.contains(event.zone)) { // else the change tells it better
+            event.at = recordingClock();
+            emit(event);
+        }
+    }
+
+    void sayNoPresentStates(const Failure& reason)
+    {
+        sayOnce(std::string("no present states: ") + reason.what());
+    }
+
+    void sayOnce(const std::string& text)
+    {
+        if (!said) {
+            said = true;
+            note(text);
+        }
+    }
+
+    // What comes out
+
+    [[nodiscard]] bool wanted(const std::string& zone) const
+    {
+        const auto& names = options.arguments;
+        return names.empty() || std::find(names.begin(), names.end(), zone) != names.end();
+    }
+
+    [[nodiscard]] std::string sourceName() const { return options.raw ? "raw" : "signal"; }
+
+    /// One line at once: a reader behind a pipe sees each change when it happens.
+    void emit(const WatchEvent& event)
+    {
+        if (failure) {
+            return;
+        }
+        const Micros wall = g_get_real_time();
+        std::cout << (options.json ? watchJson(event, wall, sourceName()) : watchText(event, wall, style))
+                  << std::flush;
+        if (!std::cout) {
+            fail({EXIT_FAILED, "the output could not be written"});
+        }
+        record(eventLine(event));
+    }
+
+    void record(const std::string& line)
+    {
+        if (recording && !recording->append(line)) {
+            fail({EXIT_FAILED, recording->problem()});
+        }
+    }
+
+    void endGap()
+    {
+        if (down) {
+            const Micros now = recordingClock();
+            emit({.kind = WatchEvent::Kind::Gap, .at = now, .note = down->who, .length = now - down->since});
+            down.reset();
+        }
+    }
+
+    void end()
+    {
+        calls.reset();
+        if (!failure && !everUp) {
+            fail({EXIT_UNREACHABLE, "the bus did not answer"});
+        }
+        endGap();
+        if (!failure) {
+            emit({.kind = WatchEvent::Kind::End, .at = recordingClock()});
+        }
+    }
+
+    /// Ends the command; the first failure counts.
+    void fail(const Failure& reason)
+    {
+        if (!failure) {
+            failure = reason;
+        }
+        g_main_loop_quit(loop.get());
+    }
+
+    /// The time since when nothing is seen, and for whose sake.
+    struct Absence
+    {
+        Micros since;
+        std::string who;
+    };
 
     const Options& options;
     const Style& style;
-    BusClient client;
     ZoneCore::GMainLoopPtr loop;
-    std::unique_ptr<StateSubscription> subscription;
-    bool busLost = false;
-    bool outputLost = false;
-    bool daemonLeft = false;
+    std::optional<RecordingFile> recording;
+    BusLink link;
+    std::unique_ptr<ChangeSource> source;
+    std::optional<DaemonCalls> calls;
+    std::optional<Absence> down;
+    std::optional<Failure> failure;
+    std::set<std::string> changedSince; ///< zones with a change since the source came up
+    bool everUp = false;
+    bool askDue = false;
+    bool said = false;
 };
 
 } // namespace

@@ -1,0 +1,71 @@
+#include "DaemonCalls.h"
+
+#include "BusCalls.h"
+#include "BusClient.h"
+#include "Names.h"
+
+#include <utility>
+
+namespace Zonectl {
+
+/// A call that is under way.
+struct DaemonCalls::Call
+{
+    std::string method;
+    std::weak_ptr<GCancellable> alive;
+    ReplyTaker taker;
+    FailureTaker onFailure;
+};
+
+DaemonCalls::DaemonCalls(GDBusConnection* connection, std::chrono::milliseconds limit)
+    : bus(G_DBUS_CONNECTION(g_object_ref(connection))), timeoutMilliseconds(static_cast<int>(limit.count())),
+      alive(g_cancellable_new(), [](GCancellable* cancellable) { g_object_unref(cancellable); })
+{}
+
+DaemonCalls::~DaemonCalls()
+{
+    g_cancellable_cancel(alive.get());
+}
+
+void DaemonCalls::call(const char* method, GVariant* parameters, const char* replyType, ReplyTaker taker,
+                       FailureTaker onFailure)
+{
+    g_dbus_connection_call(bus.get(), Names::BUS_NAME, Names::OBJECT_PATH, Names::INTERFACE, method,
+                           parameters, G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NO_AUTO_START,
+                           timeoutMilliseconds, alive.get(), &DaemonCalls::repliedCallback,
+                           new Call{method, alive, std::move(taker), std::move(onFailure)});
+}
+
+void DaemonCalls::repliedCallback(GObject* source, GAsyncResult* result, gpointer data)
+{
+    const std::unique_ptr<Call> call(static_cast<Call*>(data));
+    ZoneCore::GErrorPtr error;
+    const ZoneCore::GVariantPtr reply(
+        g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, ZoneCore::OutError(error)));
+    if (call->alive.expired()) {
+        return;
+    }
+    if (reply) {
+        call->taker(reply.get());
+    } else {
+        call->onFailure(describeCallError(call->method, error.get()));
+    }
+}
+
+void DaemonCalls::askNames(NamesTaker taker, FailureTaker onFailure)
+{
+    const auto take = [taker = std::move(taker)](GVariant* reply) { taker(namesOf(reply)); };
+    call("GetZoneList", nullptr, "(as)", take, std::move(onFailure));
+}
+
+void DaemonCalls::askState(const std::string& zone, StateTaker taker, FailureTaker onFailure)
+{
+    const auto take = [taker = std::move(taker)](GVariant* reply) {
+        gint32 state = 0;
+        g_variant_get(reply, "(i)", &state);
+        taker(state);
+    };
+    call("ZoneGetState", g_variant_new("(s)", zone.c_str()), "(i)", take, std::move(onFailure));
+}
+
+} // namespace Zonectl
