@@ -2,6 +2,8 @@
 
 import json
 import os
+import shutil
+import subprocess
 
 import bus_fixtures
 import pytest
@@ -167,3 +169,69 @@ def test_a_missing_first_label_refuses_the_zone(machine):
     assert text.returncode == 1
     assert any("nav/opt" in line and line.endswith("needs a first label (the zone is refused)")
                for line in text.stdout.splitlines())
+
+
+def tmpfiles(root):
+    """What `labels --tmpfiles` prints, applied to the tree by systemd."""
+    result = bus_fixtures.zonectl("labels", "--tmpfiles", "--root", str(root))
+    assert (result.returncode, result.stderr) == (0, "")
+    lines = root.parent / f"{root.name}.conf"
+    lines.write_text(result.stdout)
+    applied = subprocess.run(["systemd-tmpfiles", "--create", f"--root={root}", str(lines)],
+                             capture_output=True, text=True, timeout=bus_fixtures.DEADLINE)
+    assert (applied.returncode, applied.stderr) == (0, "")
+    return result.stdout
+
+
+def rid_of_labels(root):
+    for path in root.rglob("*"):
+        if LABEL in os.listxattr(path, follow_symlinks=False):
+            os.removexattr(path, LABEL, follow_symlinks=False)
+
+
+def test_the_lines_for_tmpfiles_satisfy_all_kinds(machine):
+    for name, kind in (("nav", "isolation"), ("guard", "protection"), ("plain", "hybrid")):
+        container(machine, name, kind)
+    rid_of_labels(machine)
+    shutil.rmtree(machine / "opt")
+    shutil.rmtree(machine / "run")
+    assert labels(machine)[0] == 1
+    tmpfiles(machine)
+    status, rows = labels(machine)
+    assert status == 0 and all(row["good"] for row in rows.values())
+    assert all(row["label"] == row["wanted"] for row in rows.values() if row["enforced"])
+    assert (machine / "opt/var/lib/lxc/plain/opt").is_dir()
+    assert doctor(machine)[0] == 0
+
+
+@pytest.mark.parametrize("name", ["a b", "50%", "%n", "x[1]", "it's", 'q"', "b\\s", "st*r", "tab\tname"])
+def test_the_lines_for_tmpfiles_of_unusual_names(machine, name):
+    container(machine, name, "isolation")
+    container(machine, "x1", "isolation")
+    assert labels(machine)[0] == 1
+    tmpfiles(machine)
+    status, rows = labels(machine)
+    assert status == 0 and rows[f"/opt/var/lib/lxc/{name}"]["label"] == "System"
+
+
+def test_the_lines_for_tmpfiles_take_nothing_from_a_zone(machine):
+    container(machine, "nav", "isolation")
+    for path, label in (("nav", "System"), ("nav/opt", "_")):
+        labelled(machine / "opt/var/lib/lxc" / path, label)
+        (machine / "opt/var/lib/lxc" / path).chmod(0o770)
+        os.chown(machine / "opt/var/lib/lxc" / path, 1000, 1000)
+    tmpfiles(machine)
+    status = (machine / "opt/var/lib/lxc/nav/opt").stat()
+    assert (status.st_mode & 0o7777, status.st_uid, status.st_gid) == (0o770, 1000, 1000)
+
+
+def test_the_lines_for_tmpfiles_are_no_json(machine):
+    result = bus_fixtures.zonectl("labels", "--tmpfiles", "--json", "--root", str(machine))
+    assert (result.returncode, result.stdout) == (2, "") and "--tmpfiles" in result.stderr
+
+
+def test_a_name_of_two_lines_adds_no_line_for_tmpfiles(machine):
+    container(machine, "x\ny", "isolation")
+    lines = tmpfiles(machine).splitlines()
+    assert all(line.startswith(("d /run", "d /opt", "t /run", "t /opt", "# left out")) for line in lines)
+    assert "# left out: a path that no line can hold" in lines

@@ -1,6 +1,7 @@
 #include "Commands.h"
 #include "Doctor.h"
 #include "Json.h"
+#include "LabelLines.h"
 #include "Labels.h"
 #include "Table.h"
 
@@ -19,18 +20,22 @@ struct LabelView
     LabelVerdict verdict;
 };
 
-[[nodiscard]] std::vector<LabelView> collect(const Machine& machine)
+[[nodiscard]] std::vector<LabelRule> rulesFor(const ContainerListing& listing)
 {
     std::vector<LabelRule> rules = daemonRules();
-    const ContainerListing listing = listContainers(machine);
     for (const ContainerInfo& container : listing.containers) {
         for (LabelRule& rule : zoneRules(listing.lxcPath, container)) {
             rules.push_back(std::move(rule));
         }
     }
+    return rules;
+}
+
+[[nodiscard]] std::vector<LabelView> collect(const Machine& machine)
+{
     const bool smackKernel = kernelHasSmack();
     std::vector<LabelView> views;
-    for (LabelRule& rule : rules) {
+    for (LabelRule& rule : rulesFor(listContainers(machine))) {
         const PathFacts facts = factsAbout(rule, machine);
         const LabelVerdict verdict = judge(rule, facts, smackKernel);
         views.push_back({std::move(rule), facts, verdict});
@@ -89,11 +94,25 @@ void printJson(const std::vector<LabelView>& views)
     std::cout << json.endArray().finish(JsonWriter::Layout::Indented) << "\n";
 }
 
+void printTmpfiles(const Machine& machine, const Options& options)
+{
+    if (options.json) {
+        throw Failure(EXIT_USAGE, "--tmpfiles and --json do not go together");
+    }
+    const ContainerListing listing = listContainers(machine);
+    std::cout << tmpfilesLines(rulesFor(listing), listing.lxcPath);
+}
+
 } // namespace
 
 ExitStatus labelsCommand(const Options& options, const Style& style)
 {
-    const std::vector<LabelView> views = collect(Machine(options.root));
+    const Machine machine(options.root);
+    if (options.tmpfiles) {
+        printTmpfiles(machine, options);
+        return EXIT_OK;
+    }
+    const std::vector<LabelView> views = collect(machine);
     if (options.json) {
         printJson(views);
     } else {

@@ -86,7 +86,8 @@ std::optional<FreeSpace> Machine::freeSpace(const std::string& path) const
     if (statvfs(at(path).c_str(), &system) != 0) {
         return std::nullopt;
     }
-    FreeSpace space{.bytes = system.f_bavail * system.f_frsize, .files = std::nullopt};
+    FreeSpace space{.bytes = static_cast<std::uint64_t>(system.f_bavail) * system.f_frsize,
+                    .files = std::nullopt};
     if (system.f_files > 0) {
         space.files = system.f_favail;
     }

@@ -19,7 +19,7 @@ template <typename Structure>
         return std::nullopt;
     }
     Structure structure{};
-    std::memcpy(&structure, bytes.data() + offset, sizeof(structure));
+    std::memcpy(&structure, bytes.data() + static_cast<std::size_t>(offset), sizeof(structure));
     return structure;
 }
 
@@ -56,7 +56,8 @@ template <typename Header, typename Entry>
 {
     for (const Segment& segment : segmentsOf(bytes)) {
         if (segment.type == PT_INTERP && segment.offset < bytes.size()) {
-            const std::string_view text = bytes.substr(segment.offset, segment.size);
+            const std::string_view text = bytes.substr(static_cast<std::size_t>(segment.offset),
+                                                       static_cast<std::size_t>(segment.size));
             return std::string(text.substr(0, text.find('\0')));
         }
     }
