@@ -53,7 +53,7 @@ def test_the_doctor_names_what_is_wrong_and_what_mends_it(clinic, recipe):
         clinic.restore()
         clinic.infect(recipe)
         fixed = clinic.examine("--fix", "--yes")
-        assert (fixed.status, fixed.ids) == (0, ()), fixed.data
+        assert (fixed.status, fixed.ids) == (0, ()), fixed.data["fixes"]
         assert {fix["id"] for fix in fixed.data["fixes"] if fix["done"]} >= set(recipe.finds)
 
 

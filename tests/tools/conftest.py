@@ -1,5 +1,6 @@
 import bus_fixtures
 import pytest
+from machine_trees import sound_machine
 
 
 @pytest.fixture(scope="session", autouse=True)
@@ -25,3 +26,9 @@ def service(bus):
 def zonectl(bus, service):
     """zonectl with a zone manager on the bus."""
     return lambda *arguments, **extra: bus_fixtures.zonectl(*arguments, address=bus.address, **extra)
+
+
+@pytest.fixture
+def machine(tmp_path):
+    """A machine with everything that the package brings and one hybrid zone."""
+    return sound_machine(tmp_path)

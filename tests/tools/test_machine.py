@@ -7,51 +7,7 @@ import subprocess
 
 import bus_fixtures
 import pytest
-
-LABEL = "security.SMACK64"
-
-
-def labelled(path, label):
-    path.mkdir(parents=True, exist_ok=True)
-    try:
-        os.setxattr(path, LABEL, label.encode())
-    except OSError as error:
-        pytest.skip(f"labels cannot be set here: {error}")
-
-
-def container(root, name, kind, *lines):
-    """Defines a container; the kind is its configuration line's value, or None for no such line."""
-    directory = root / "var/lib/lxc" / name
-    (directory / "rootfs").mkdir(parents=True)
-    text = [f"lxc.rootfs.path = dir:/var/lib/lxc/{name}/rootfs",
-            f"lxc.cgroup.dir.container = lxc.payload/{name}",
-            f"lxc.cgroup.dir.monitor = lxc.monitor/{name}",
-            "lxc.cgroup.dir.monitor.pivot = lxc.pivot"]
-    text += [f"zone.container_type = {kind}"] if kind else []
-    (directory / "config").write_text("\n".join([*text, *lines]) + "\n")
-    return directory
-
-
-@pytest.fixture
-def machine(tmp_path):
-    """A machine with everything that the package brings and one hybrid zone."""
-    config = tmp_path / "zone/config"
-    config.mkdir(parents=True)
-    (config / "liblxc.so.1").write_bytes(b"")
-    (config / "zone-launcher").write_text("#!/bin/sh\n")
-    (config / "zone-launcher").chmod(0o755)
-    (tmp_path / "bin").mkdir()
-    (tmp_path / "bin/sh").write_bytes(b"")
-    (tmp_path / "bin/sh").chmod(0o755)
-    policy = tmp_path / "usr/share/dbus-1/system.d/org.ornix.zoneframework.conf"
-    policy.parent.mkdir(parents=True)
-    policy.write_text((bus_fixtures.REPOSITORY / "packaging/dbus" / policy.name).read_text())
-    labelled(tmp_path / "run/lxc", "!")
-    labelled(tmp_path / "opt/zone/template/securedata", "!")
-    (tmp_path / "opt/var/lib/lxc").mkdir(parents=True)
-    container(tmp_path, "media", "hybrid", "lxc.start.auto = 1")
-    return tmp_path
-
+from machine_trees import LABEL, container, labelled
 
 def doctor(root):
     result = bus_fixtures.zonectl("doctor", "--json", "--root", str(root))

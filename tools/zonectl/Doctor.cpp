@@ -80,6 +80,11 @@ bool libraryMayBeAsked(const Machine& machine)
     return machine.live() && geteuid() == 0;
 }
 
+Repair appendedTo(const std::string& config, std::string lines)
+{
+    return {.kind = Repair::Kind::AppendLines, .path = config, .value = std::move(lines)};
+}
+
 ContainerListing listContainers(const Machine& machine)
 {
     if (libraryMayBeAsked(machine)) {

@@ -31,8 +31,16 @@ struct Examination
 /// What gives the rule's path what it lacks, in order; empty when nothing made here does.
 [[nodiscard]] std::vector<Repair> repairsOf(const LabelRule& rule, LabelVerdict verdict, bool smackKernel);
 
+/// The addition of lines to a container's configuration.
+[[nodiscard]] Repair appendedTo(const std::string& config, std::string lines);
+
 /// The command that makes the file system of the path writable.
 [[nodiscard]] std::string remountCommand(const Examination& examination, const std::string& path);
+
+/// Whether the daemon takes the container as a zone; what keeps it from doing so is told.
+[[nodiscard]] bool checkRefusals(Examination& examination, const ContainerInfo& container);
+/// Whether the container's configuration lets it be started and cleaned up; what does not is told.
+[[nodiscard]] bool checkSettings(Examination& examination, const ContainerInfo& container);
 
 void checkUser(Examination& examination);
 void checkSmack(Examination& examination);

@@ -1,0 +1,143 @@
+"""zonectl doctor --fix on trees that stand for machines, and its questions on a terminal."""
+
+import json
+import os
+import pty
+import subprocess
+import time
+
+import bus_fixtures
+import pytest
+from machine_trees import LABEL, container
+
+ARGUMENTS = ("doctor", "--fix")
+
+
+def fix(machine, *options):
+    result = bus_fixtures.zonectl(*ARGUMENTS, "--yes", "--json", "--root", str(machine), *options)
+    assert result.stderr == ""
+    return result.returncode, json.loads(result.stdout)
+
+
+class Terminal:
+    """zonectl with somebody at a terminal, who types ahead."""
+
+    def __init__(self, typed, *options):
+        self.leader, follower = pty.openpty()
+        os.write(self.leader, typed)
+        self.process = subprocess.Popen([bus_fixtures.ZONECTL, *ARGUMENTS, *options], stdin=follower,
+                                        stdout=subprocess.PIPE, stderr=follower, text=True)
+        os.close(follower)
+
+    def finish(self):
+        try:
+            output, _ = self.process.communicate(timeout=bus_fixtures.DEADLINE)
+            return self.process.returncode, output, os.read(self.leader, 65536).decode()
+        finally:
+            os.close(self.leader)
+
+
+@pytest.fixture
+def broken(machine):
+    """Three things are wrong that can be mended: two directories and a configuration."""
+    os.removexattr(machine / "run/lxc", LABEL)
+    (machine / "zone/config/zone-launcher").chmod(0o644)
+    config = machine / "var/lib/lxc/media/config"
+    config.write_text(config.read_text().replace("lxc.payload/media", "elsewhere"))
+    return machine
+
+
+@pytest.mark.parametrize("arguments", [
+    ("doctor", "--yes"), ("labels", "--fix"), ("doctor", "--fix", "extra"), ("doctor", "--tmpfiles")])
+def test_wrong_usage(arguments):
+    result = bus_fixtures.zonectl(*arguments)
+    assert result.returncode == 2 and result.stdout == ""
+    assert result.stderr.startswith("zonectl: ") and result.stderr.count("\n") == 1
+
+
+def test_fixing_needs_a_terminal_or_yes(broken):
+    result = bus_fixtures.zonectl(*ARGUMENTS, "--root", str(broken))
+    assert result.returncode == 2 and result.stdout == "" and "needs a terminal" in result.stderr
+
+
+def test_only_root_may_change_the_running_machine():
+    result = subprocess.run(
+        ["setpriv", "--reuid=65534", "--clear-groups", bus_fixtures.ZONECTL, *ARGUMENTS, "--yes"],
+        capture_output=True, text=True, timeout=bus_fixtures.DEADLINE)
+    if "Permission denied" in result.stderr:
+        pytest.skip("the build cannot be run by others")
+    assert result.returncode == 1 and "only root" in result.stderr
+
+
+def test_everything_is_mended_and_told(broken):
+    before = (broken / "var/lib/lxc/media/config").read_text()
+    status, report = fix(broken)
+    assert status == 0 and report["ok"]
+    assert [(each["id"], each["done"], each["problem"]) for each in report["fixes"]] == [
+        ("launcher.not-executable", True, None), ("directory.no-label", True, None),
+        ("container.cgroups", True, None)]
+    assert os.getxattr(broken / "run/lxc", LABEL) == b"!"
+    config = broken / "var/lib/lxc/media/config"
+    assert config.read_text() == before + "\nlxc.cgroup.dir.container = lxc.payload/media\n"
+    assert config.with_name("config.before-zonectl").read_text() == before
+    assert fix(broken)[1]["fixes"] == []
+
+
+def test_without_fix_nothing_is_mended(broken):
+    result = bus_fixtures.zonectl("doctor", "--root", str(broken))
+    assert result.returncode == 1 and LABEL not in os.listxattr(broken / "run/lxc")
+
+
+def test_one_remedy_brings_the_next_to_light(machine):
+    directory = container(machine, "nav", None, "lxc.include = /etc/kind.conf")
+    (machine / "etc").mkdir()
+    (machine / "etc/kind.conf").write_text("zone.container_type = isolation\n")
+    status, report = fix(machine)
+    assert status == 0
+    assert [each["id"] for each in report["fixes"]] == [
+        "container.included-kind", "container.no-label", "container.no-label"]
+    assert "zone.container_type = isolation" in (directory / "config").read_text()
+
+
+def test_what_cannot_be_mended_is_told_again(broken):
+    (broken / "zone/config/liblxc.so.1").unlink()
+    status, report = fix(broken)
+    assert status == 1
+    assert [each["id"] for each in report["findings"] if each["severity"] == "problem"] == ["liblxc.missing"]
+
+
+def test_a_failure_is_told_and_the_others_are_mended(broken):
+    (broken / "away").mkdir()
+    (broken / "run/lxc").rename(broken / "away/lxc")
+    (broken / "run").rmdir()
+    (broken / "run").symlink_to(broken / "away")
+    status, report = fix(broken)
+    assert status == 1
+    done = {each["id"]: (each["done"], each["problem"]) for each in report["fixes"]}
+    assert done["launcher.not-executable"] == (True, None)
+    assert done["directory.no-label"][0] is False and "symbolic link" in done["directory.no-label"][1]
+    assert LABEL not in os.listxattr(broken / "away/lxc")
+
+
+def test_each_change_is_asked_for(broken):
+    status, output, asked = Terminal(b"n\ny\n\n", "--root", str(broken)).finish()
+    assert status == 1
+    assert asked.count("Do that? [y/N]") == 3
+    assert f"chmod 755 {broken}/zone/config/zone-launcher" in asked
+    words = [line.split()[0] for line in output.splitlines()[:3]]
+    assert words == ["kept", "fixed", "kept"]
+    assert os.getxattr(broken / "run/lxc", LABEL) == b"!"
+    assert (broken / "zone/config/zone-launcher").stat().st_mode & 0o777 == 0o644
+
+
+def test_the_end_of_the_input_is_a_no(broken):
+    status, output, _ = Terminal(b"\x04\x04\x04", "--root", str(broken)).finish()
+    assert status == 1 and output.count("kept ") == 3
+
+
+def test_a_question_does_not_wait_for_ever(broken):
+    begin = time.monotonic()
+    status, output, asked = Terminal(b"", "--timeout", "1", "--root", str(broken)).finish()
+    assert status == 1 and asked.count("[y/N]") == 1, "who does not answer is not asked again"
+    assert output.count("no answer in time") == 3
+    assert time.monotonic() - begin >= 1
