@@ -182,6 +182,7 @@ def test_without_a_daemon_the_processes_tell(zones, bus, root, zonectl):
 def init_pid_server(root):
     """A socket where the daemon's would be; nobody accepts until the test does."""
     with root.socket() as server:
+        server.settimeout(HANG_GUARD)
         server.bind(init_pid_address())
         yield server
 

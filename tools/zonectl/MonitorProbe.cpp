@@ -22,8 +22,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-/// A machine with much to do may let the process wait before it comes to its question; that is no silence.
-constexpr milliseconds LONGEST_PREPARATION(400);
+/// How long a process may take until it comes to its question, on a machine with much to do.
+constexpr milliseconds LONGEST_PREPARATION(1000);
 /// A killed process is gone at once, unless the kernel holds it.
 constexpr milliseconds LONGEST_END(100);
 constexpr int END_STEP_MS = 2;
@@ -33,7 +33,7 @@ constexpr char ASKING = '?';
 constexpr char ANSWERED = '!';
 
 /// The child's whole life. Nothing of the parent's is run or flushed at its end.
-[[noreturn]] void ask(const std::string& container, int teller)
+[[noreturn]] void ask(const LxcLibrary& library, const std::string& container, int teller)
 {
     // Whatever happens to the parent, this process does not wait for ever.
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -46,8 +46,7 @@ constexpr char ANSWERED = '!';
             _exit(EXIT_FAILURE);
         }
     };
-    const LxcLibrary library(Names::LXC_LIBRARY);
-    if (library.usable() && library.askState(container, [&tell] { tell(ASKING); })) {
+    if (library.askState(container, [&tell] { tell(ASKING); })) {
         tell(ANSWERED);
     }
     _exit(EXIT_SUCCESS);
@@ -57,7 +56,7 @@ constexpr char ANSWERED = '!';
 class Probe
 {
 public:
-    explicit Probe(std::string askedContainer) : container(std::move(askedContainer))
+    Probe(const LxcLibrary& library, std::string askedContainer) : container(std::move(askedContainer))
     {
         std::array<int, 2> ends = {-1, -1};
         if (pipe2(ends.data(), O_CLOEXEC) != 0) {
@@ -67,7 +66,7 @@ public:
         const ZoneCore::UniqueFd writer(ends[1]);
         child = fork();
         if (child == 0) {
-            ask(container, writer.get());
+            ask(library, container, writer.get());
         }
         if (child < 0) {
             reader.reset();
@@ -110,9 +109,10 @@ public:
         reader.reset();
     }
 
+    /// Before its question it may have met a lock of LXC's, which the daemon would wait for as well.
     void giveUp()
     {
-        heard = asking ? MonitorVoice::Silent : MonitorVoice::Unknown;
+        heard = MonitorVoice::Silent;
         reader.reset();
     }
 
@@ -170,10 +170,14 @@ private:
 
 std::map<std::string, MonitorVoice> askMonitors(const std::vector<std::string>& containers)
 {
+    const LxcLibrary library(Names::LXC_LIBRARY);
+    if (!library.usable()) {
+        return {};
+    }
     std::vector<Probe> probes;
     probes.reserve(containers.size());
     for (const std::string& container : containers) {
-        probes.emplace_back(container);
+        probes.emplace_back(library, container);
     }
     while (listen(probes)) {
     }
