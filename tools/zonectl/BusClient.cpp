@@ -130,11 +130,6 @@ int BusClient::zoneState(const std::string& zone) const
     return integerAbout("ZoneGetState", zone);
 }
 
-int BusClient::initPid(const std::string& zone) const
-{
-    return integerAbout("ZoneGetInitPid", zone);
-}
-
 std::string BusClient::version(const std::string& zone) const
 {
     const ZoneCore::GVariantPtr reply = call("GetVersion", g_variant_new("(s)", zone.c_str()), "(s)");

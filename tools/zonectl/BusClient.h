@@ -54,8 +54,6 @@ public:
     [[nodiscard]] std::vector<std::string> zoneNames() const;
     /// The number of a zone's state; -1 when the daemon refuses to speak about the zone.
     [[nodiscard]] int zoneState(const std::string& zone) const;
-    /// The process id of a zone's init; below 1 when there is none or the daemon refuses.
-    [[nodiscard]] int initPid(const std::string& zone) const;
     /// The daemon's version; "none" when it refuses to speak about the zone.
     [[nodiscard]] std::string version(const std::string& zone) const;
     /// Calls one of the methods that take a zone and answer whether the request was queued.

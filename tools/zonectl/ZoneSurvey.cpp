@@ -58,6 +58,7 @@ public:
     }
 
 private:
+    /// Any silent monitor may hold the daemon up, also that of a zone which was not asked for.
     [[nodiscard]] milliseconds patienceFor(std::optional<std::chrono::seconds> timeout) const
     {
         if (timeout) {
