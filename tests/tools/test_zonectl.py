@@ -1,6 +1,5 @@
 """The shipped zonectl against a mock zone manager on a private bus."""
 
-import json
 import os
 import pty
 import subprocess
