@@ -7,7 +7,7 @@ import signal
 from pathlib import Path
 
 import pytest
-from zonetest import BUILD, READY, init_pid_address
+from zonetest import BUILD, READY, eventually, init_pid_address
 
 ZONECTL = BUILD / "bin" / "zonectl"
 HANG_GUARD = 30
@@ -145,6 +145,16 @@ def test_a_zone_of_a_silent_monitor_can_be_waited_for(managed, silence, zonectl,
     assert zonectl.processes == [waiting.pid]
     assert waiting.wait() == TIME_LIMIT
     assert "(last state: unknown)" in waiting.popen.stderr.read()
+    assert bus.call("ZoneGetState", "red") == 3
+
+
+def test_a_monitor_that_falls_silent_while_somebody_waits(managed, silence, zonectl, bus, daemon):
+    waiting = zonectl.popen("wait", "blue", "STOPPED", "--timeout=5")
+    asked = "[DBus] ZoneGetState on zone 'blue'"
+    eventually(lambda: daemon.count(asked) >= 2, 10, "a question between two others")
+    silence("blue")
+    assert waiting.wait() == TIME_LIMIT
+    assert "(last state: RUNNING)" in waiting.popen.stderr.read()
     assert bus.call("ZoneGetState", "red") == 3
 
 

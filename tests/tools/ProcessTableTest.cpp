@@ -27,6 +27,17 @@ TEST(ProcessTable, ReadsWhatMattersOfAProcess)
     EXPECT_EQ(processes.find(18), nullptr);
 }
 
+TEST(ProcessTable, AStoppedProcessIsNotDead)
+{
+    const MachineTree tree;
+    tree.addProcess({.pid = 17, .state = 'T'});
+    tree.addProcess({.pid = 18, .state = 'Z'});
+    const ProcessTable processes(Machine(tree.root()));
+    EXPECT_TRUE(processes.find(17)->stopped());
+    EXPECT_FALSE(processes.find(17)->dead());
+    EXPECT_FALSE(processes.find(18)->stopped());
+}
+
 TEST(ProcessTable, TheMachinesFirstProcessIsNoInitOfAContainer)
 {
     const MachineTree tree;
@@ -51,6 +62,9 @@ TEST(ProcessTable, AMonitorIsKnownByItsTitle)
     tree.addProcess({.pid = 19, .title = "lxc-info -n blue"});
     const ProcessTable processes(Machine(tree.root()));
     EXPECT_TRUE(processes.hasMonitorOf("red"));
+    EXPECT_EQ(processes.monitorOf("/var/lib/lxc", "red")->pid, 17);
+    EXPECT_EQ(processes.monitorOf("/home/others", "red"), nullptr);
+    EXPECT_EQ(processes.monitorOf("/var/lib/lxc", "dead"), nullptr);
     for (const char* name : {"dead", "blue", "ed", "lxc red ", "lxc"}) {
         EXPECT_FALSE(processes.hasMonitorOf(name)) << name;
     }

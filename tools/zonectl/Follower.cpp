@@ -1,7 +1,9 @@
 #include "Follower.h"
 
+#include "Containers.h"
 #include "Names.h"
 #include "Output.h"
+#include "ProcessTable.h"
 #include "ZoneWords.h"
 
 #include <algorithm>
@@ -36,7 +38,8 @@ constexpr milliseconds POLL_INTERVAL(1000);
 } // namespace
 
 Follower::Follower(const BusClient& busClient, std::vector<Pursuit>& followed, Progress& progressShown)
-    : client(busClient), pursuits(followed), progress(progressShown), calls(busClient),
+    : client(busClient), pursuits(followed), progress(progressShown), lxcPath(configuredLxcPath(machine)),
+      calls(busClient),
       subscription(client.onStateChange(
           [this](const std::string& zone, const std::string& state) { note(zone, state); })),
       nameWatch(g_bus_watch_name_on_connection(client.connection(), Names::BUS_NAME,
@@ -107,10 +110,15 @@ void Follower::note(const std::string& zone, const std::string& state)
 
 void Follower::ask()
 {
+    const ProcessTable processes(machine);
     for (Pursuit& one : pursuits) {
-        if (!one.open() || unaskable.contains(one.name()) || !asked.insert(one.name()).second) {
+        const ProcessInfo* monitor = processes.monitorOf(lxcPath, one.name());
+        const bool askable = !unaskable.contains(one.name()) && !asked.contains(one.name()) &&
+                             (monitor == nullptr || !monitor->stopped());
+        if (!one.open() || !askable) {
             continue;
         }
+        asked.insert(one.name());
         calls.askInteger("ZoneGetState", one.name(), POLL_INTERVAL, [this, &one](std::optional<int> state) {
             asked.erase(one.name());
             if (state) {

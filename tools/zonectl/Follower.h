@@ -1,6 +1,7 @@
 #pragma once
 
 #include "BusCalls.h"
+#include "Machine.h"
 #include "Progress.h"
 #include "Pursuit.h"
 
@@ -37,6 +38,8 @@ private:
 
     [[nodiscard]] bool anyOpen() const;
     void note(const std::string& zone, const std::string& state);
+    /// Asks for the states of open pursuits, but not for those of zones whose monitor has been stopped
+    /// meanwhile.
     void ask();
     void showStatus();
 
@@ -45,6 +48,8 @@ private:
     Progress& progress;
     std::set<std::string> unaskable;
     std::set<std::string> asked; ///< the answer is still to come
+    const Machine machine{""};
+    std::string lxcPath;
     BusCalls calls;
     std::unique_ptr<StateSubscription> subscription;
     guint nameWatch;

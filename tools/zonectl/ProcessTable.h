@@ -21,6 +21,7 @@ struct ProcessInfo
     bool namespaceInit = false;   ///< the first process of a process namespace below the one looked from
     std::string title;            ///< the first argument, which some programs overwrite with what they do
 
+    [[nodiscard]] bool stopped() const { return state == 'T' || state == 't'; }
     [[nodiscard]] bool dead() const { return state == 'Z' || state == 'X'; }
 };
 
