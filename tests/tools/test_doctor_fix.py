@@ -1,5 +1,6 @@
 """zonectl doctor --fix on trees that stand for machines, and its questions on a terminal."""
 
+import contextlib
 import json
 import os
 import pty
@@ -32,9 +33,17 @@ class Terminal:
     def finish(self):
         try:
             output, _ = self.process.communicate(timeout=bus_fixtures.DEADLINE)
-            return self.process.returncode, output, os.read(self.leader, 65536).decode()
+            return self.process.returncode, output, self._shown()
         finally:
             os.close(self.leader)
+
+    def _shown(self):
+        """All that stood on the terminal, now that nobody writes there any more."""
+        shown = b""
+        with contextlib.suppress(OSError):  # which is how the end looks
+            while part := os.read(self.leader, 65536):
+                shown += part
+        return shown.decode()
 
 
 @pytest.fixture

@@ -2,11 +2,13 @@
 
 import json
 import os
+import re
 import shutil
 import subprocess
 
 import bus_fixtures
 import pytest
+from bus_fixtures import REPOSITORY
 from machine_trees import LABEL, container, labelled
 
 def doctor(root):
@@ -80,6 +82,13 @@ def test_a_container_without_a_root_file_system(machine):
     assert status == 1
     assert report["refused"] == [
         {"name": "media", "reasons": ["its configuration names no lxc.rootfs.path"]}]
+
+
+def test_the_manual_lists_every_finding():
+    ids = re.findall(r'= "([a-z.-]+)";', (REPOSITORY / "tools/zonectl/FindingIds.h").read_text())
+    manual = (REPOSITORY / "docs/man/zonectl.1").read_text()
+    listed = re.findall(r"^\.It (\S+)$", manual.partition(".Ss Findings")[2].partition(".Ss ")[0], re.MULTILINE)
+    assert listed == [name for name in ids if "." in name]
 
 
 def isolated(machine):
