@@ -83,7 +83,7 @@ TEST(Examine, AMissingBaseIsToldOnce)
             return finding.subject == "/opt/var/lib/lxc" && finding.severity == Severity::Problem;
         });
     EXPECT_EQ(count, 1);
-    EXPECT_EQ(findingCalled(diagnosis, FindingIds::CONTAINER_PATH), nullptr);
+    EXPECT_EQ(findingCalled(diagnosis, FindingIds::CONTAINER_LABEL), nullptr);
 }
 
 TEST(Examine, SoundContainersDoNotBlock)

@@ -84,10 +84,26 @@ def test_a_container_without_a_root_file_system(machine):
         {"name": "media", "reasons": ["its configuration names no lxc.rootfs.path"]}]
 
 
+def test_a_library_of_another_system_is_not_tried(machine):
+    assert "liblxc.untried" in [finding["id"] for finding in doctor(machine)[1]["findings"]]
+
+
+def test_who_is_not_root_sees_less():
+    result = subprocess.run(
+        ["setpriv", "--reuid=65534", "--clear-groups", bus_fixtures.ZONECTL, "doctor", "--json"],
+        env=bus_fixtures.environment("unix:path=/nonexistent"), capture_output=True, text=True,
+        timeout=bus_fixtures.DEADLINE)
+    if "Permission denied" in result.stderr:
+        pytest.skip("the build cannot be run by others")
+    report = json.loads(result.stdout)
+    assert result.returncode == 1 and report["findings"][0]["id"] == "user.not-root"
+
+
 def test_the_manual_lists_every_finding():
     ids = re.findall(r'= "([a-z.-]+)";', (REPOSITORY / "tools/zonectl/FindingIds.h").read_text())
     manual = (REPOSITORY / "docs/man/zonectl.1").read_text()
-    listed = re.findall(r"^\.It (\S+)$", manual.partition(".Ss Findings")[2].partition(".Ss ")[0], re.MULTILINE)
+    section = manual.partition(".Ss Findings")[2].partition(".Ss ")[0]
+    listed = re.findall(r"^\.It (\S+)$", section, re.MULTILINE)
     assert listed == [name for name in ids if "." in name]
 
 

@@ -14,6 +14,7 @@ namespace {
 constexpr std::chrono::seconds PATIENCE(5);
 constexpr const char* POLICY_FILE = "/usr/share/dbus-1/system.d/org.ornix.zoneframework.conf";
 constexpr const char* NAME_LOST = "Bus is lost(\"org.ornix.zoneframework\")";
+constexpr const char* RUNNING_SYSTEMD = "/run/systemd/system";
 constexpr const char* WANTED_UNITS = "/etc/systemd/system/multi-user.target.wants/";
 
 struct UnitRow
@@ -21,15 +22,27 @@ struct UnitRow
     std::string_view id;
     const char* unit;
     const char* text;
+    bool endsToo; ///< the remedy ends what runs of it
 };
 
 /// The distribution's own units, which compete with the daemon for the containers and for their messages.
 constexpr std::array OTHER_UNITS = {
     UnitRow{FindingIds::UNIT_LXC, "lxc.service",
-            "is enabled: it starts the same containers at boot, all at once, and stops them at its end"},
+            "is enabled: it starts the same containers at boot, all at once, and stops them at its end",
+            false},
     UnitRow{FindingIds::UNIT_MONITORD, "lxc-monitord.service",
-            "is enabled: whichever comes first takes the state messages; the daemon ends when it is second"},
+            "is enabled: whichever comes first takes the state messages; the daemon ends when it is second",
+            true},
 };
+
+/// What systemctl is told before the unit's name.
+[[nodiscard]] std::string disabling(const Machine& machine, const UnitRow& row)
+{
+    if (!machine.live()) {
+        return "--root=" + shellWord(machine.rootDirectory()) + " disable";
+    }
+    return row.endsToo && machine.isDirectory(RUNNING_SYSTEMD) ? "disable --now" : "disable";
+}
 
 void checkOwner(Examination& examination, const Holder& owner)
 {
@@ -98,16 +111,13 @@ void checkBusPolicy(Examination& examination)
 
 void checkOtherUnits(Examination& examination)
 {
-    const std::string& root = examination.machine.rootDirectory();
     for (const UnitRow& row : OTHER_UNITS) {
         if (examination.machine.entryExists(std::string(WANTED_UNITS) + row.unit)) {
             examination.add({.id = row.id,
                              .subject = row.unit,
                              .severity = Severity::Warning,
                              .text = row.text,
-                             .remedy = "systemctl " +
-                                       (root.empty() ? "" : "--root=" + shellWord(root) + " ") + "disable " +
-                                       row.unit});
+                             .remedy = "systemctl " + disabling(examination.machine, row) + " " + row.unit});
         }
     }
 }

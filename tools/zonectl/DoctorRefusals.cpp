@@ -116,10 +116,8 @@ private:
             finding.remedy = "mount one with them there, as ext4 or a tmpfs with CONFIG_TMPFS_XATTR";
             finding.message = unlabelled + "\"Operation not supported\"";
             finding.repairs.clear();
-        } else if (rule.enforced) {
-            finding.message = unlabelled + "\"No data available\"";
         } else {
-            finding.id = FindingIds::CONTAINER_PATH;
+            finding.message = unlabelled + "\"No data available\"";
         }
         return finding;
     }

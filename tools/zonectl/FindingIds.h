@@ -64,7 +64,6 @@ inline constexpr std::string_view CONTAINER_UNLOADABLE = "container.unloadable";
 inline constexpr std::string_view CONTAINER_NO_KIND = "container.no-kind";
 inline constexpr std::string_view CONTAINER_BAD_KIND = "container.bad-kind";
 inline constexpr std::string_view CONTAINER_INCLUDED_KIND = "container.included-kind";
-inline constexpr std::string_view CONTAINER_PATH = "container.path";
 inline constexpr std::string_view CONTAINER_ATTRIBUTES = "container.no-attributes";
 inline constexpr std::string_view CONTAINER_LABEL = "container.no-label";
 inline constexpr std::string_view CONTAINER_READ_ONLY = "container.read-only";

@@ -19,7 +19,7 @@ cp -p --parents /var/lib/lxc/*/config /etc/lxc/*.conf {AS_THEY_WERE}"""
 # What a remedy adds to a configuration stays there, as do its backups and what is mounted.
 RESTORE = f"""set -e
 for name in red blue gold; do lxc-stop -k -n $name >/dev/null 2>&1 || :; done
-while umount /run/lxc 2>/dev/null; do :; done
+while umount /run/lxc /var/lib/lxc/gold 2>/dev/null; do :; done
 cp -rp {AS_THEY_WERE}/. /
 rm -f /etc/lxc/kind.conf
 find /var/lib/lxc /etc/lxc /run /opt -xdev -name '*.before-zonectl' -delete"""

@@ -156,6 +156,11 @@ PROGRAMS = [
         daemon=True,
         **replaced(LIBRARY, f"sed -i 's/zone\\.container_type/zone.container_kind/' {LIBRARY}"),
     ),
+    recipe(
+        "a library with other words for the states",
+        "liblxc.monitor",
+        **replaced(LIBRARY, f"sed -i 's/RUNNING/WALKING/g' {LIBRARY}"),
+    ),
     recipe("no launcher", "launcher.missing", daemon=True, **replaced(LAUNCHER, f"rm {LAUNCHER}")),
     recipe(
         "a launcher that may not be run",
@@ -407,6 +412,13 @@ CONTAINERS = [
         "container.no-label",
         breaks="mount -t ramfs none /opt/var/lib/lxc/blue",
         mends="umount /opt/var/lib/lxc/blue",
+    ),
+    recipe(
+        "a protection zone on a read-only mount",
+        "container.read-only",
+        breaks=f"{labelled('/var/lib/lxc/gold', '_')}; mount --bind /var/lib/lxc/gold /var/lib/lxc/gold;"
+        " mount -o remount,bind,ro /var/lib/lxc/gold",
+        daemon=True,
     ),
     recipe(
         "a name that is too long",
