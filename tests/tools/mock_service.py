@@ -3,7 +3,7 @@
 Zones: "nav" is stopped and starts when asked to, "media" runs, "icy" is frozen, "stuck" takes every request
 and does nothing, "brief" stops as soon as it runs, "weak" does not survive its start, "guard" is refused
 as a protection zone is, "mute" is never answered about, "odd" is answered in a wrong form, "angry" raises an
-error. The method ZoneLock emits a malformed state signal and then a sound one.
+error. The method ZoneLock emits a malformed state signal and then a sound one; of "mute" the sound one alone.
 """
 
 import sys
@@ -85,6 +85,8 @@ class Service:
     def on_call(self, _connection, _sender, _path, _interface, method, parameters, invocation):
         zone = parameters.unpack()[0] if parameters.n_children() else ""
         if zone == "mute":
+            if method == "ZoneLock":
+                self.emit(zone, "RUNNING")
             return
         if zone == "angry":
             invocation.return_dbus_error("org.freedesktop.DBus.Error.Failed", "no\nmood")

@@ -165,6 +165,18 @@ def test_a_zone_without_an_answer_is_unknown_and_holds_nobody_up(watch, zonectl)
     assert unknown["note"] == "no answer"
 
 
+def test_a_change_tells_more_than_an_answer_that_was_asked_for_before(watch, bus):
+    seen = watch("--json", "--timeout", "5", "nav", "mute")
+    seen.skip_present(("nav",))
+    subprocess.run(["dbus-send", f"--bus={bus.address}", "--type=method_call",
+                    "--dest=org.ornix.zoneframework", "/org/ornix/zoneframework",
+                    "org.ornix.zoneframework.interface.ZoneLock", "string:mute"],
+                   check=True, timeout=bus_fixtures.DEADLINE)
+    assert seen.event()["event"] == "state"
+    assert seen.line() is None, "mute is not told to be unknown"
+    assert seen.process.wait(bus_fixtures.DEADLINE) == 0
+
+
 def test_an_error_is_said_once_and_the_watch_goes_on(watch, zonectl):
     seen = watch("--json", "angry", "odd", "nav")
     assert seen.event()["name"] == "nav"
