@@ -48,7 +48,8 @@ void boundCalls(int fd, Clock::time_point end)
         throw noAnswer();
     }
     const auto whole = std::chrono::duration_cast<std::chrono::seconds>(left);
-    const timeval limit = {.tv_sec = whole.count(), .tv_usec = (left - whole).count()};
+    const timeval limit = {.tv_sec = static_cast<time_t>(whole.count()),
+                           .tv_usec = static_cast<suseconds_t>((left - whole).count())};
     for (const int option : {SO_SNDTIMEO, SO_RCVTIMEO}) {
         if (setsockopt(fd, SOL_SOCKET, option, &limit, sizeof(limit)) != 0) {
             throw socketFailure(errno);

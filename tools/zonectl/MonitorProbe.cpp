@@ -156,8 +156,8 @@ private:
     if (next == Clock::time_point::max()) {
         return false;
     }
-    const auto left = std::chrono::ceil<milliseconds>(next - Clock::now()).count();
-    poll(waiting.data(), waiting.size(), static_cast<int>(std::max<long>(left, 0)));
+    const auto left = std::max(std::chrono::ceil<milliseconds>(next - Clock::now()), milliseconds::zero());
+    poll(waiting.data(), waiting.size(), static_cast<int>(left.count()));
     for (std::size_t i = 0; i < probes.size(); ++i) {
         if (waiting[i].revents != 0) {
             probes[i].read();
