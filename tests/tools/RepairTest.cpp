@@ -2,6 +2,7 @@
 
 #include "Names.h"
 #include "TemporaryTree.h"
+#include "tests/support/unit/Emulation.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -68,9 +69,18 @@ void apply(By by, const RepairTree& tree, const Repair& repair)
     }
 }
 
+constexpr const char* NO_OPENAT2 = "qemu-user does not know the system call openat2";
+
 class BothWays : public testing::TestWithParam<By>
 {
 protected:
+    void SetUp() override
+    {
+        if (GetParam() == By::Program) {
+            ZONE_TEST_NEEDS_REAL_MACHINE(NO_OPENAT2);
+        }
+    }
+
     RepairTree tree;
 };
 
@@ -154,6 +164,7 @@ INSTANTIATE_TEST_SUITE_P(Repair, BothWays, testing::Values(By::Program, By::Shel
 
 TEST(CarryOut, NothingOutsideOfTheRootIsTouched)
 {
+    ZONE_TEST_NEEDS_REAL_MACHINE(NO_OPENAT2);
     const RepairTree outside;
     const RepairTree tree;
     const std::string target = outside.root();
