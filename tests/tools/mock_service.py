@@ -2,8 +2,9 @@
 
 Zones: "nav" is stopped and starts when asked to, "media" runs, "icy" is frozen, "stuck" takes every request
 and does nothing, "brief" stops as soon as it runs, "weak" does not survive its start, "guard" is refused
-as a protection zone is, "mute" is never answered about, "odd" is answered in a wrong form, "angry" raises an
-error. The method ZoneLock emits a malformed state signal and then a sound one; of "mute" the sound one alone.
+as a protection zone is, "mute" is never answered about, "fickle" once, "odd" is answered in a wrong form,
+"angry" raises an error. The method ZoneLock emits a malformed state signal and then a sound one; of "mute"
+the sound one alone.
 """
 
 import sys
@@ -38,8 +39,9 @@ INTROSPECTION = f"<node><interface name='{INTERFACE}'>" + "".join(
 class Service:
     def __init__(self, connection):
         self.connection = connection
+        self.answered = set()  # zones that are not answered about any more
         self.states = {"nav": STOPPED, "media": RUNNING, "icy": FROZEN, "stuck": STOPPED, "brief": STOPPED,
-                       "weak": STOPPED}
+                       "fickle": RUNNING, "weak": STOPPED}
 
     def emit(self, *texts):
         self.connection.emit_signal(None, PATH, INTERFACE, "ZoneStateChangedSignal",
@@ -84,6 +86,10 @@ class Service:
 
     def on_call(self, _connection, _sender, _path, _interface, method, parameters, invocation):
         zone = parameters.unpack()[0] if parameters.n_children() else ""
+        if zone in self.answered:
+            return
+        if zone == "fickle":
+            self.answered.add(zone)
         if zone == "mute":
             if method == "ZoneLock":
                 self.emit(zone, "RUNNING")

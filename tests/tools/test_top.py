@@ -105,6 +105,12 @@ def test_an_array_a_look(zonectl):
         assert look[1]["state_source"] == "control-groups"
 
 
+def test_an_old_answer_is_not_shown_again(zonectl):
+    result = zonectl("top", "--json", "--timeout", "4", "fickle")
+    sources = [json.loads(line)[0]["state_source"] for line in result.stdout.splitlines()]
+    assert sources[0] == "daemon" and set(sources[1:]) == {"control-groups"}
+
+
 def test_it_goes_on_without_a_daemon_and_notices_one(bus):
     process = subprocess.Popen([str(bus_fixtures.ZONECTL), "top", "--json", "nav"], stdout=subprocess.PIPE,
                                env=bus_fixtures.environment(bus.address), text=True)
