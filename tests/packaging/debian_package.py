@@ -78,7 +78,9 @@ class Workshop:
     def package(self, *options):
         """The package for these options, made when it is first asked for."""
         if options not in self._made:
+            self._made[options] = None
             self._made[options] = self.make("-".join(options) or "all", *options)
+        assert self._made[options], "an earlier test told why it could not be made"
         return self._made[options]
 
     def make(self, folder, *options):
