@@ -1,29 +1,27 @@
 #pragma once
 
-#include "BusClient.h"
+#include "DaemonCalls.h"
 
 #include <chrono>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace Zonectl {
 
-/// Calls to the daemon that wait for their replies side by side. A handler gets nothing when no answer came
-/// in time; any other failure of a call is kept until `check`. Calls that are still under way end with the
-/// object, without their handlers. One thread only, on its default main context.
+class BusClient;
+
+/// Calls to the daemon that are waited for side by side. A handler gets nothing when no answer came in time;
+/// any other failure of a call is kept until `check`. Calls that are still under way end with the object,
+/// without their handlers. One thread only, on its default main context.
 class BusCalls
 {
 public:
     using IntegerHandler = std::function<void(std::optional<int> value)>;
     using NamesHandler = std::function<void(const std::optional<std::vector<std::string>>& names)>;
 
-    explicit BusCalls(const BusClient& busClient);
-    ~BusCalls();
-    BusCalls(const BusCalls&) = delete;
-    BusCalls& operator=(const BusCalls&) = delete;
+    explicit BusCalls(const BusClient& client);
 
     /// Begins "ZoneGetState" or "ZoneGetInitPid".
     void askInteger(const char* method, const std::string& zone, std::chrono::milliseconds patience,
@@ -32,26 +30,17 @@ public:
     void askNames(std::chrono::milliseconds patience, NamesHandler handler);
 
     /// Waits for all answers; each call's own patience bounds that.
-    void finish();
+    void finish() const;
     /// Throws the first failure of a call, if there was one.
     void check() const;
 
 private:
-    /// Gets the reply; null when there was none in time.
-    using ReplyHandler = std::function<void(GVariant* reply)>;
-    struct Call;
+    /// What both outcomes of a call have in common: `unanswered` is for no answer in time.
+    [[nodiscard]] DaemonCalls::FailureTaker failureTaker(std::function<void()> unanswered);
 
-    void begin(const char* method, GVariant* parameters, const char* replyType,
-               std::chrono::milliseconds patience, ReplyHandler handler);
-    static void replyCallback(GObject* source, GAsyncResult* result, gpointer data);
-
-    const BusClient& client;
-    std::unique_ptr<GCancellable, ZoneCore::FreeWith<g_object_unref>> cancellable;
+    DaemonCalls calls;
     std::optional<Failure> failure;
     int underWay = 0;
 };
-
-/// The names of a "GetZoneList" reply.
-[[nodiscard]] std::vector<std::string> namesOf(GVariant* reply);
 
 } // namespace Zonectl

@@ -105,16 +105,20 @@ ZoneCore::GVariantPtr BusClient::call(const char* method, GVariant* parameters, 
     return reply;
 }
 
-std::vector<std::string> BusClient::zoneNames() const
+std::vector<std::string> namesOf(GVariant* reply)
 {
-    const ZoneCore::GVariantPtr reply = call("GetZoneList", nullptr, "(as)");
-    const ZoneCore::GVariantPtr list(g_variant_get_child_value(reply.get(), 0));
+    const ZoneCore::GVariantPtr list(g_variant_get_child_value(reply, 0));
     std::vector<std::string> names;
     for (gsize i = 0; i < g_variant_n_children(list.get()); ++i) {
         const ZoneCore::GVariantPtr name(g_variant_get_child_value(list.get(), i));
         names.emplace_back(g_variant_get_string(name.get(), nullptr));
     }
     return names;
+}
+
+std::vector<std::string> BusClient::zoneNames() const
+{
+    return namesOf(call("GetZoneList", nullptr, "(as)").get());
 }
 
 int BusClient::integerAbout(const char* method, const std::string& zone) const

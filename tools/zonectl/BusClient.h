@@ -22,6 +22,9 @@ using StateHandler = std::function<void(const std::string& zone, const std::stri
 /// Whether the error says that nobody answered a call in time.
 [[nodiscard]] bool isNoAnswer(const GError* error);
 
+/// The names of a "GetZoneList" reply.
+[[nodiscard]] std::vector<std::string> namesOf(GVariant* reply);
+
 /// A standing interest in the daemon's state signal; ends with the object.
 /// The handler runs on the main context that was the thread's default when the interest began.
 class StateSubscription

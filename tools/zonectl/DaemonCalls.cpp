@@ -1,6 +1,5 @@
 #include "DaemonCalls.h"
 
-#include "BusCalls.h"
 #include "BusClient.h"
 #include "Names.h"
 
@@ -17,8 +16,8 @@ struct DaemonCalls::Call
     FailureTaker onFailure;
 };
 
-DaemonCalls::DaemonCalls(GDBusConnection* connection, std::chrono::milliseconds limit)
-    : bus(G_DBUS_CONNECTION(g_object_ref(connection))), timeoutMilliseconds(static_cast<int>(limit.count())),
+DaemonCalls::DaemonCalls(GDBusConnection* connection)
+    : bus(G_DBUS_CONNECTION(g_object_ref(connection))),
       alive(g_cancellable_new(), [](GCancellable* cancellable) { g_object_unref(cancellable); })
 {}
 
@@ -27,12 +26,12 @@ DaemonCalls::~DaemonCalls()
     g_cancellable_cancel(alive.get());
 }
 
-void DaemonCalls::call(const char* method, GVariant* parameters, const char* replyType, ReplyTaker taker,
-                       FailureTaker onFailure)
+void DaemonCalls::call(const char* method, GVariant* parameters, const char* replyType,
+                       std::chrono::milliseconds limit, ReplyTaker taker, FailureTaker onFailure)
 {
     g_dbus_connection_call(bus.get(), Names::BUS_NAME, Names::OBJECT_PATH, Names::INTERFACE, method,
                            parameters, G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NO_AUTO_START,
-                           timeoutMilliseconds, alive.get(), &DaemonCalls::repliedCallback,
+                           static_cast<int>(limit.count()), alive.get(), &DaemonCalls::repliedCallback,
                            new Call{method, alive, std::move(taker), std::move(onFailure)});
 }
 
@@ -48,24 +47,25 @@ void DaemonCalls::repliedCallback(GObject* source, GAsyncResult* result, gpointe
     if (reply) {
         call->taker(reply.get());
     } else {
-        call->onFailure(describeCallError(call->method, error.get()));
+        call->onFailure({describeCallError(call->method, error.get()), isNoAnswer(error.get())});
     }
 }
 
-void DaemonCalls::askNames(NamesTaker taker, FailureTaker onFailure)
+void DaemonCalls::askNames(std::chrono::milliseconds limit, NamesTaker taker, FailureTaker onFailure)
 {
     const auto take = [taker = std::move(taker)](GVariant* reply) { taker(namesOf(reply)); };
-    call("GetZoneList", nullptr, "(as)", take, std::move(onFailure));
+    call("GetZoneList", nullptr, "(as)", limit, take, std::move(onFailure));
 }
 
-void DaemonCalls::askState(const std::string& zone, StateTaker taker, FailureTaker onFailure)
+void DaemonCalls::askNumber(const char* method, const std::string& zone, std::chrono::milliseconds limit,
+                            NumberTaker taker, FailureTaker onFailure)
 {
     const auto take = [taker = std::move(taker)](GVariant* reply) {
-        gint32 state = 0;
-        g_variant_get(reply, "(i)", &state);
-        taker(state);
+        gint32 number = 0;
+        g_variant_get(reply, "(i)", &number);
+        taker(number);
     };
-    call("ZoneGetState", g_variant_new("(s)", zone.c_str()), "(i)", take, std::move(onFailure));
+    call(method, g_variant_new("(s)", zone.c_str()), "(i)", limit, take, std::move(onFailure));
 }
 
 } // namespace Zonectl

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "BusCalls.h"
+#include "BusClient.h"
 #include "Machine.h"
 #include "Progress.h"
 #include "Pursuit.h"

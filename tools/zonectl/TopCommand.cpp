@@ -62,7 +62,7 @@ private:
     void busConnected(GDBusConnection* /*bus*/) override {}
     void daemonAppeared() override
     {
-        calls.emplace(link.connection(), ANSWER_LIMIT);
+        calls.emplace(link.connection());
         newsTaker();
     }
     void daemonAbsent() override { forget(); }
@@ -84,6 +84,7 @@ private:
         }
         askingNames = true;
         calls->askNames(
+            ANSWER_LIMIT,
             [this](const std::vector<std::string>& names) {
                 askingNames = false;
                 const bool first = !zoneNames;
@@ -92,7 +93,7 @@ private:
                     newsTaker();
                 }
             },
-            [this](const Failure& /*failure*/) { askingNames = false; });
+            [this](const CallFailure& /*failure*/) { askingNames = false; });
     }
 
     void askState(const std::string& zone)
@@ -100,15 +101,15 @@ private:
         if (!asking.insert(zone).second) {
             return;
         }
-        calls->askState(
-            zone,
+        calls->askNumber(
+            "ZoneGetState", zone, ANSWER_LIMIT,
             [this, zone](int state) {
                 asking.erase(zone);
                 if (state >= 0) {
                     states.insert_or_assign(zone, stateWord(state));
                 }
             },
-            [this, zone](const Failure& /*failure*/) { asking.erase(zone); });
+            [this, zone](const CallFailure& /*failure*/) { asking.erase(zone); });
     }
 
     BusLink link;

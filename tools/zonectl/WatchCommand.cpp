@@ -137,21 +137,22 @@ private:
             return;
         }
         askDue = false;
-        calls.emplace(link.connection(), ANSWER_LIMIT);
+        calls.emplace(link.connection());
         if (!options.arguments.empty()) {
             askStates(options.arguments);
             return;
         }
-        calls->askNames([this](const std::vector<std::string>& names) { askStates(names); },
-                        [this](const Failure& reason) { sayNoPresentStates(reason); });
+        calls->askNames(
+            ANSWER_LIMIT, [this](const std::vector<std::string>& names) { askStates(names); },
+            [this](const CallFailure& reason) { sayNoPresentStates(reason.failure); });
     }
 
     void askStates(const std::vector<std::string>& names)
     {
         for (const std::string& name : names) {
-            calls->askState(
-                name, [this, name](int state) { takePresent(name, state); },
-                [this, name](const Failure& reason) { takeNoPresent(name, reason); });
+            calls->askNumber(
+                "ZoneGetState", name, ANSWER_LIMIT, [this, name](int state) { takePresent(name, state); },
+                [this, name](const CallFailure& reason) { takeNoPresent(name, reason.failure); });
         }
     }
 

@@ -1,6 +1,7 @@
 #include "ZoneSurvey.h"
 
 #include "BusCalls.h"
+#include "BusClient.h"
 #include "Containers.h"
 #include "Machine.h"
 #include "MonitorProbe.h"
