@@ -1,5 +1,6 @@
 """A bus of its own for a test, and the shipped zonectl on it."""
 
+import errno
 import os
 import pathlib
 import subprocess
@@ -94,3 +95,16 @@ def refused(result, status):
     """The command failed with this status, and said why in one line."""
     return (result.returncode == status and result.stderr.startswith("zonectl: ")
             and result.stderr.count("\n") == 1)
+
+
+def shown_on(leader):
+    """All that was written to a pseudo-terminal whose other end nobody holds open any more; closes it. A
+    single read may give only the first part of it."""
+    shown = b""
+    try:
+        while part := os.read(leader, 65536):
+            shown += part
+    except OSError as error:
+        assert error.errno == errno.EIO  # how a terminal says that this is all
+    os.close(leader)
+    return shown.decode()

@@ -1,6 +1,5 @@
 """zonectl doctor --fix on trees that stand for machines, and its questions on a terminal."""
 
-import contextlib
 import json
 import os
 import pty
@@ -31,19 +30,8 @@ class Terminal:
         os.close(follower)
 
     def finish(self):
-        try:
-            output, _ = self.process.communicate(timeout=bus_fixtures.DEADLINE)
-            return self.process.returncode, output, self._shown()
-        finally:
-            os.close(self.leader)
-
-    def _shown(self):
-        """All that stood on the terminal, now that nobody writes there any more."""
-        shown = b""
-        with contextlib.suppress(OSError):  # which is how the end looks
-            while part := os.read(self.leader, 65536):
-                shown += part
-        return shown.decode()
+        output, _ = self.process.communicate(timeout=bus_fixtures.DEADLINE)
+        return self.process.returncode, output, bus_fixtures.shown_on(self.leader)
 
 
 @pytest.fixture

@@ -5,6 +5,7 @@ import pathlib
 import re
 import shutil
 import subprocess
+import tempfile
 import xml.etree.ElementTree as ElementTree
 
 import bus_fixtures
@@ -33,13 +34,19 @@ SYSTEM_POLICY = """<policy context="default">
 
 
 @pytest.fixture
-def policed_bus(tmp_path_factory):
+def open_directory():
+    """A directory that every user can reach. Not one of pytest's, which closes those whenever it starts."""
+    with tempfile.TemporaryDirectory(prefix="zonectl-test.") as name:
+        os.chmod(name, 0o755)
+        yield pathlib.Path(name)
+
+
+@pytest.fixture
+def policed_bus(open_directory):
     if os.geteuid() != 0:
         pytest.skip("only root can act for two users")
-    directory = tmp_path_factory.mktemp("bus")
-    for parent in (directory, *directory.parents[:2]):
-        parent.chmod(0o755)
-    bus = bus_fixtures.PrivateBus(directory, SYSTEM_POLICY.format(policy=PACKAGING / "dbus" / f"{NAME}.conf"))
+    bus = bus_fixtures.PrivateBus(open_directory,
+                                  SYSTEM_POLICY.format(policy=PACKAGING / "dbus" / f"{NAME}.conf"))
     yield bus
     bus.stop()
 
@@ -76,16 +83,15 @@ def test_others_may_not_own_the_name(policed_bus):
     assert result.returncode != 0 and "AccessDenied" in result.stderr
 
 
-def reachable_copy(directory):
+@pytest.fixture
+def reachable_copy(open_directory):
     """A copy of the program where another user can reach it."""
-    for parent in (directory, *directory.parents[:2]):
-        parent.chmod(0o755)
-    return shutil.copy(bus_fixtures.ZONECTL, directory / "zonectl")
+    return shutil.copy(bus_fixtures.ZONECTL, open_directory / "zonectl")
 
 
-def test_others_hear_of_state_changes(policed_bus, tmp_path):
+def test_others_hear_of_state_changes(policed_bus, reachable_copy):
     service = bus_fixtures.MockService(policed_bus.address)
-    watch = subprocess.Popen([reachable_copy(tmp_path), "watch", "--json"], user=NOBODY, text=True,
+    watch = subprocess.Popen([reachable_copy, "watch", "--json"], user=NOBODY, text=True,
                              env=bus_fixtures.environment(policed_bus.address), stdout=subprocess.PIPE)
     policed_bus.wait_for_match("ZoneStateChangedSignal")
     assert bus_fixtures.zonectl("start", "--wait", "nav", address=policed_bus.address).returncode == 0
@@ -96,9 +102,9 @@ def test_others_hear_of_state_changes(policed_bus, tmp_path):
     service.stop()
 
 
-def test_others_are_told_that_they_may_not(policed_bus, tmp_path):
+def test_others_are_told_that_they_may_not(policed_bus, reachable_copy):
     service = bus_fixtures.MockService(policed_bus.address)
-    result = subprocess.run([reachable_copy(tmp_path), "start", "nav"], user=NOBODY, text=True,
+    result = subprocess.run([reachable_copy, "start", "nav"], user=NOBODY, text=True,
                             capture_output=True, env=bus_fixtures.environment(policed_bus.address),
                             check=False, timeout=bus_fixtures.DEADLINE)
     assert result.returncode == 1 and "are you root?" in result.stderr

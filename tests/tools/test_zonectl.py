@@ -63,9 +63,7 @@ def on_a_terminal(bus, *arguments, **extra):
                    env=bus_fixtures.environment(bus.address, TERM="xterm", **extra), stdout=follower,
                    check=True, timeout=bus_fixtures.DEADLINE)
     os.close(follower)
-    output = os.read(leader, 65536).decode()
-    os.close(leader)
-    return output
+    return bus_fixtures.shown_on(leader)
 
 
 def test_color_only_where_it_is_wanted(bus, service, zonectl):

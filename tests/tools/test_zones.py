@@ -242,8 +242,7 @@ def test_progress_is_rewritten_on_a_terminal(bus, service):
                             env=bus_fixtures.environment(bus.address, TERM="xterm"), stderr=follower,
                             text=True, timeout=bus_fixtures.DEADLINE, check=True)
     os.close(follower)
-    shown = os.read(leader, 65536).decode()
-    os.close(leader)
+    shown = bus_fixtures.shown_on(leader)
     assert result.stdout == "nav: RUNNING\n"
     assert re.search(r"\r\033\[Knav STOPPED \(\d+ s of 30 s; the daemon begins within 3 s\)", shown)
     assert "\n" not in shown and shown.endswith("\r\033[K"), "nothing is left of it"
