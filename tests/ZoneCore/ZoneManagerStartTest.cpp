@@ -146,8 +146,8 @@ TEST_F(ZoneManagerStartTest, IsMadeOnceForTwoThreadsThatNeedItAtTheSameTime)
     };
     manager = ZoneManager::singleton();
     EXPECT_EQ(manager, ofTheOther);
-    EXPECT_THAT(log.texts(), ElementsAre("I Thread is created", "I zone manager instance is created",
-                                         "I Singletone object of Zone Manager is created..."));
+    EXPECT_THAT(ownTexts(log), ElementsAre("I Thread is created", "I zone manager instance is created",
+                                           "I Singletone object of Zone Manager is created..."));
 }
 
 TEST_F(ZoneManagerStartTest, IsNotMadeWithoutTheLock)
@@ -156,7 +156,7 @@ TEST_F(ZoneManagerStartTest, IsNotMadeWithoutTheLock)
     log.clear();
     atNextLock = [] { return EDEADLK; };
     EXPECT_THROW(static_cast<void>(ZoneManager::singleton()), std::system_error);
-    EXPECT_THAT(log.texts(), IsEmpty());
+    EXPECT_THAT(ownTexts(log), IsEmpty());
     manager = ZoneManager::singleton(); // for the end of the test
 }
 
@@ -183,7 +183,7 @@ TEST_F(ZoneManagerStartTest, BuildsNothingWithoutALoop)
     const Failure failure("g_main_loop_new");
     EXPECT_FALSE(manager->initialize());
     EXPECT_THAT(
-        log.texts(),
+        ownTexts(log),
         ElementsAre(onThread("E", "[Default Context] Failed to create the main event loop", "zone-manager")));
     EXPECT_THAT(control.calls(), IsEmpty());
 }
@@ -258,7 +258,7 @@ TEST_F(ZoneManagerStartTest, HasNoEventSourceWithoutOne)
     ASSERT_TRUE(manager->Thread::initialize(true, "zone-manager"));
     const Failure failure("g_source_new");
     EXPECT_FALSE(manager->attachEventSource());
-    EXPECT_THAT(log.texts(), IsEmpty());
+    EXPECT_THAT(ownTexts(log), IsEmpty());
 }
 
 // The main loop.
@@ -292,7 +292,7 @@ TEST_F(ZoneManagerStartTest, RegistersNoWatchdogUnlessTold)
         },
         manager));
     EXPECT_TRUE(manager->run());
-    EXPECT_THAT(log.texts(), ElementsAre(onThread("I", "Thread is terminated", "zone-manager")));
+    EXPECT_THAT(ownTexts(log), ElementsAre(onThread("I", "Thread is terminated", "zone-manager")));
 }
 
 TEST_F(ZoneManagerStartTest, DoesNotRunItsLoopWithoutAWatchdog)
@@ -301,7 +301,7 @@ TEST_F(ZoneManagerStartTest, DoesNotRunItsLoopWithoutAWatchdog)
     manager->setWatchDog(true, 77, 8000);
     const Failure failure("g_timeout_source_new");
     EXPECT_FALSE(manager->run());
-    EXPECT_EQ(log.texts().back(), by("E", "Failed to set watch dog for main thread"));
+    EXPECT_EQ(ownTexts(log).back(), by("E", "Failed to set watch dog for main thread"));
 }
 
 TEST_F(ZoneManagerStartTest, RunsItsLoopOnce)
@@ -352,8 +352,8 @@ TEST_F(ZoneManagerStartTest, QuitsWhatThereIs)
     static_cast<void>(ZoneContext::singleton());
     log.clear();
     manager->terminateMainloop();
-    EXPECT_THAT(log.texts(), ElementsAre(onThread("I", "Thread is not running", "zone-manager"),
-                                         by("I", "The mainloop of thread zone-manager is terminated")));
+    EXPECT_THAT(ownTexts(log), ElementsAre(onThread("I", "Thread is not running", "zone-manager"),
+                                           by("I", "The mainloop of thread zone-manager is terminated")));
 }
 
 TEST_F(ZoneManagerStartTest, LeavesAMonitorAloneThatIsInTheMiddleOfSomething)
