@@ -27,9 +27,12 @@ GOOD = {
     "platform/log/platform_log.h": "#pragma once\n",
     "platform/watchdog/watchdog.h": "#pragma once\n",
     "platform/watchdog/watchdog.cpp": '#include "platform/watchdog/watchdog.h"\n',
-    "tools/zonectl/Table.h": '#include "Common/Handles.h"\n',
-    "tools/zonectl/Table.cpp": '#include "Table.h"\n',
-    "tests/tools/TableTest.cpp": '#include "Table.h"\n',
+    "tools/zonectl/Commands.h": '#include "Output/Table.h"\n',
+    "tools/zonectl/Output/Table.h": '#include "Common/Handles.h"\n',
+    "tools/zonectl/Output/Table.cpp": '#include "Output/Table.h"\n',
+    "tools/zonectl/Watch/Watch.h": '#include "Output/Table.h"\n',
+    "tools/zonectl/Watch/Watch.cpp": '#include "Commands.h"\n#include "Watch/Watch.h"\n',
+    "tests/tools/TableTest.cpp": '#include "Output/Table.h"\n',
 }
 
 
@@ -88,8 +91,17 @@ BAD = {
         "platform/watchdog/watchdog.cpp", '#include "Common/Clock.h"\n',
         ["platform/watchdog/watchdog.cpp:1: platform may not include Common/Clock.h"]),
     "the tools know Common alone": (
-        "tools/zonectl/Table.cpp", '#include "ZoneCore/Zone.h"\n',
-        ["tools/zonectl/Table.cpp:1: tools may not include ZoneCore/Zone.h"]),
+        "tools/zonectl/Output/Table.cpp", '#include "ZoneCore/Zone.h"\n',
+        ["tools/zonectl/Output/Table.cpp:1: Output may not include ZoneCore/Zone.h"]),
+    "the client's folders have an order": (
+        "tools/zonectl/Output/Table.cpp", '#include "Watch/Watch.h"\n',
+        ["tools/zonectl/Output/Table.cpp:1: Output may not include Watch/Watch.h"]),
+    "the table of commands is for sources": (
+        "tools/zonectl/Watch/Watch.h", '#include "Commands.h"\n',
+        ["tools/zonectl/Watch/Watch.h:1: Watch may not include Commands.h"]),
+    "a new folder of the client needs a decision": (
+        "tools/zonectl/Extra/Extra.h", "#pragma once\n",
+        ["tools/zonectl/Extra/Extra.h:1: nobody has decided what the folder Extra may include"]),
     "a new folder needs a decision": (
         "include_internal/Extra/Log.h", "#pragma once\n",
         ["include_internal/Extra/Log.h:1: has no source/Extra/Log.cpp",

@@ -8,7 +8,7 @@ from doctor.recipes import RECIPES
 from zonetest import PROJECT, messages
 
 MESSAGES = [messages.expression(message.text) for message in messages.catalogue()]
-IDS = re.findall(r'= "([a-z.-]+)";', (PROJECT / "tools" / "zonectl" / "FindingIds.h").read_text())
+IDS = re.findall(r'= "([a-z.-]+)";', (PROJECT / "tools" / "zonectl" / "Doctor" / "FindingIds.h").read_text())
 # What no recipe can do to a machine: another user, a kernel or a library of another kind.
 ELSEWHERE = {
     "user.not-root",

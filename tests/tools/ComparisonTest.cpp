@@ -1,4 +1,4 @@
-#include "Comparison.h"
+#include "Watch/Comparison.h"
 
 #include <gtest/gtest.h>
 

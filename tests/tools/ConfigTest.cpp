@@ -1,6 +1,6 @@
-#include "Containers.h"
+#include "Daemon/ZoneWords.h"
+#include "Device/Containers.h"
 #include "TemporaryTree.h"
-#include "ZoneWords.h"
 
 #include <gtest/gtest.h>
 

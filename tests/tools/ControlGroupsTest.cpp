@@ -1,4 +1,4 @@
-#include "ControlGroups.h"
+#include "Device/ControlGroups.h"
 
 #include "TemporaryTree.h"
 

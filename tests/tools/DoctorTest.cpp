@@ -1,5 +1,5 @@
-#include "Doctor.h"
-#include "FindingIds.h"
+#include "Doctor/Doctor.h"
+#include "Doctor/FindingIds.h"
 #include "TemporaryTree.h"
 
 #include <algorithm>

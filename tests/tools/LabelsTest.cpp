@@ -1,4 +1,4 @@
-#include "Labels.h"
+#include "Doctor/Labels.h"
 
 #include <gtest/gtest.h>
 

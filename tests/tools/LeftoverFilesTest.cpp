@@ -1,4 +1,4 @@
-#include "Leftovers.h"
+#include "Leftovers/Leftovers.h"
 
 #include "MachineTree.h"
 

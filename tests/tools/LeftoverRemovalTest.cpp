@@ -1,6 +1,6 @@
-#include "LeftoverRemoval.h"
+#include "Leftovers/LeftoverRemoval.h"
 
-#include "ProcessTable.h"
+#include "Device/ProcessTable.h"
 #include "TemporaryTree.h"
 
 #include <csignal>

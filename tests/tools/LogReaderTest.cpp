@@ -1,4 +1,4 @@
-#include "LogReader.h"
+#include "Explain/LogReader.h"
 
 #include <ctime>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "MessageForm.h"
+#include "Explain/MessageForm.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

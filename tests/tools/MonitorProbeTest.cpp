@@ -1,6 +1,6 @@
-#include "MonitorProbe.h"
+#include "Device/MonitorProbe.h"
 
-#include "Names.h"
+#include "Daemon/Names.h"
 #include "tests/support/unit/PrivateRoot.h"
 
 #include <cerrno>

@@ -1,6 +1,6 @@
-#include "Options.h"
+#include "CommandLine/Options.h"
+#include "CommandLine/Failure.h"
 #include "Commands.h"
-#include "Failure.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
-#include "Output.h"
-#include "Json.h"
-#include "Table.h"
+#include "Output/Output.h"
+#include "Output/Json.h"
+#include "Output/Table.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "ProcessTable.h"
+#include "Device/ProcessTable.h"
 
 #include "MachineTree.h"
 

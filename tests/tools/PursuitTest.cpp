@@ -1,4 +1,4 @@
-#include "Pursuit.h"
+#include "Zones/Pursuit.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Recording.h"
+#include "Watch/Recording.h"
 
 #include <string>
 #include <vector>

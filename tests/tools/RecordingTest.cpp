@@ -1,6 +1,6 @@
-#include "Recording.h"
-#include "Failure.h"
-#include "RecordingFile.h"
+#include "Watch/Recording.h"
+#include "CommandLine/Failure.h"
+#include "Watch/RecordingFile.h"
 
 #include "RecordingLines.h"
 #include "TemporaryTree.h"

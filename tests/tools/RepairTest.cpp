@@ -1,6 +1,6 @@
-#include "Repair.h"
+#include "Doctor/Repair.h"
 
-#include "Names.h"
+#include "Daemon/Names.h"
 #include "TemporaryTree.h"
 #include "tests/support/unit/Emulation.h"
 

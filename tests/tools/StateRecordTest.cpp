@@ -1,4 +1,4 @@
-#include "StateRecord.h"
+#include "Daemon/StateRecord.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
-#include "LogStory.h"
-#include "StoryFindings.h"
+#include "Explain/LogStory.h"
+#include "Explain/StoryFindings.h"
 
 #include <fstream>
 #include <gmock/gmock.h>

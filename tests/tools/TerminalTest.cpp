@@ -1,4 +1,4 @@
-#include "Terminal.h"
+#include "Output/Terminal.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
-#include "Timeline.h"
-#include "TimelineChart.h"
+#include "Watch/Timeline.h"
+#include "Watch/TimelineChart.h"
 
 #include "RecordingLines.h"
 

@@ -1,5 +1,5 @@
-#include "TopTable.h"
-#include "Screen.h"
+#include "Watch/TopTable.h"
+#include "Output/Screen.h"
 
 #include <gtest/gtest.h>
 

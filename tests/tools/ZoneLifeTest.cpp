@@ -1,4 +1,4 @@
-#include "ZoneLife.h"
+#include "Device/ZoneLife.h"
 
 #include "MachineTree.h"
 

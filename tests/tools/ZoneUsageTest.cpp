@@ -1,4 +1,4 @@
-#include "ZoneUsage.h"
+#include "Watch/ZoneUsage.h"
 
 #include "MachineTree.h"
 

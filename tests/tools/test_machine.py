@@ -100,7 +100,7 @@ def test_who_is_not_root_sees_less():
 
 
 def test_the_manual_lists_every_finding():
-    ids = re.findall(r'= "([a-z.-]+)";', (REPOSITORY / "tools/zonectl/FindingIds.h").read_text())
+    ids = re.findall(r'= "([a-z.-]+)";', (REPOSITORY / "tools/zonectl/Doctor/FindingIds.h").read_text())
     manual = (REPOSITORY / "docs/man/zonectl.1").read_text()
     section = manual.partition(".Ss Findings")[2].partition(".Ss ")[0]
     listed = re.findall(r"^\.It (\S+)$", section, re.MULTILINE)

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "Failure.h"
-#include "Options.h"
-#include "Output.h"
+#include "CommandLine/Failure.h"
+#include "CommandLine/Options.h"
+#include "Output/Output.h"
 
 #include <cstdint>
 #include <span>

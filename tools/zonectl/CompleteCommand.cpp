@@ -1,7 +1,7 @@
-#include "BusClient.h"
 #include "Commands.h"
-#include "Containers.h"
-#include "ZoneWords.h"
+#include "Daemon/BusClient.h"
+#include "Daemon/ZoneWords.h"
+#include "Device/Containers.h"
 
 #include <algorithm>
 #include <array>

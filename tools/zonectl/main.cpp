@@ -1,7 +1,7 @@
+#include "CommandLine/Failure.h"
+#include "CommandLine/Options.h"
 #include "Commands.h"
-#include "Failure.h"
-#include "Options.h"
-#include "Output.h"
+#include "Output/Output.h"
 
 #include <algorithm>
 #include <exception>

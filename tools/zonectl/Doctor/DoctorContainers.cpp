@@ -1,0 +1,114 @@
+#include "Daemon/Names.h"
+#include "Daemon/ZoneWords.h"
+#include "Doctor/Examination.h"
+
+namespace Zonectl {
+
+namespace {
+
+constexpr const char* LXC_CONFIGURATION = "/etc/lxc/lxc.conf";
+
+void checkContainer(Examination& examination, const ContainerInfo& container)
+{
+    const bool taken = checkRefusals(examination, container);
+    if (checkSettings(examination, container) && taken) {
+        examination.addOk(FindingIds::CONTAINER, container.name,
+                          std::string(kindWord(container.kind)) +
+                              (container.autoStart ? ", starts automatically" : ""));
+    }
+}
+
+/// The line for which stock liblxc refuses the configuration, if it is one of the usual ones.
+[[nodiscard]] std::vector<Repair> repairsOfUnloadable(const ContainerInfo& container,
+                                                      const std::string& config)
+{
+    std::vector<Repair> repairs;
+    const std::string& automatic = container.autoStartText;
+    if (container.hasLibraryKey && container.kind != ZUP::ZONE_TYPE_NONE) {
+        repairs.push_back({.kind = Repair::Kind::ReplaceKey,
+                           .path = config,
+                           .value = "zone.container_type = " + container.kindText,
+                           .key = "lxc.container_type"});
+    }
+    if (!automatic.empty() && automatic != "0" && automatic != "1") {
+        repairs.push_back({.kind = Repair::Kind::ReplaceKey,
+                           .path = config,
+                           .value = "lxc.start.auto = 1",
+                           .key = "lxc.start.auto"});
+    }
+    return repairs;
+}
+
+void addUnloadable(Examination& examination, const std::string& name)
+{
+    const std::string& lxcPath = examination.listing.lxcPath;
+    std::vector<Repair> repairs =
+        repairsOfUnloadable(readContainer(examination.machine, lxcPath, name), configPath(lxcPath, name));
+    examination.add({.id = FindingIds::CONTAINER_UNLOADABLE,
+                     .subject = name,
+                     .severity = Severity::Problem,
+                     .text = "liblxc refuses its configuration: the daemon never sees this container",
+                     .remedy = repairs.empty() ? "lxc-info -n " + shellWord(name) +
+                                                     " -l error -o /dev/stderr # tells which line is wrong"
+                                               : "",
+                     .repairs = std::move(repairs)});
+}
+
+/// Whether there is a container path to look into.
+[[nodiscard]] bool checkLxcPath(Examination& examination)
+{
+    const std::string& path = examination.listing.lxcPath;
+    if (path.empty()) {
+        examination.add({.id = FindingIds::LXC_PATH_NONE,
+                         .subject = "lxc.lxcpath",
+                         .severity = Severity::Problem,
+                         .text = "liblxc names no path: the daemon ends at start-up",
+                         .remedy = "a line 'lxc.lxcpath = /var/lib/lxc' in " + std::string(LXC_CONFIGURATION),
+                         .message = "Failed to get lxc base path"});
+        return false;
+    }
+    if (examination.machine.isDirectory(path)) {
+        return true;
+    }
+    const bool usual = path == Names::DEFAULT_LXC_PATH;
+    examination.add({.id = FindingIds::LXC_PATH_MISSING,
+                     .subject = "lxc.lxcpath",
+                     .severity = Severity::Problem,
+                     .text = path + " is not there: the daemon ends at start-up",
+                     .remedy = usual ? "define a container with lxc-create"
+                                     : "sed -i" + std::string(BACKUP_SUFFIX) +
+                                           " 's|^[[:blank:]]*lxc\\.lxcpath[[:blank:]]*=|# &|' " +
+                                           examination.word(LXC_CONFIGURATION) + " # or put it there",
+                     .message = "lxc containers (base path : " + path + ")"});
+    return false;
+}
+
+} // namespace
+
+void checkContainers(Examination& examination)
+{
+    if (!checkLxcPath(examination)) {
+        return;
+    }
+    const ContainerListing& listing = examination.listing;
+    for (const std::string& name : listing.unloadable) {
+        addUnloadable(examination, name);
+    }
+    for (const ContainerInfo& container : listing.containers) {
+        checkContainer(examination, container);
+    }
+    if (listing.containers.empty()) {
+        examination.add(
+            {.id = FindingIds::CONTAINERS_NONE,
+             .subject = "containers",
+             .severity = Severity::Problem,
+             .text = "none is defined: the daemon ends at start-up",
+             .remedy = "lxc-create -n NAME -t busybox, then a line 'zone.container_type = ...' in " +
+                       configPath(listing.lxcPath, "NAME"),
+             .message = "lxc containers (base path : " + listing.lxcPath + ")"});
+    } else if (!examination.diagnosis.automaticStartBlocked()) {
+        examination.addOk(FindingIds::AUTOSTART, "automatic start", "every listed container becomes a zone");
+    }
+}
+
+} // namespace Zonectl

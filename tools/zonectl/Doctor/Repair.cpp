@@ -1,0 +1,352 @@
+#include "Doctor/Repair.h"
+
+#include "Common/Handles.h"
+#include "Daemon/Names.h"
+#include "Device/Containers.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sstream>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/xattr.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace Zonectl {
+
+namespace {
+
+using ZoneCore::UniqueFd;
+
+constexpr mode_t DIRECTORY_MODE = 0755;
+constexpr mode_t PROGRAM_MODE = 0755;
+constexpr mode_t OTHERS_WRITE = S_IWGRP | S_IWOTH;
+constexpr mode_t PERMISSIONS = 07777;
+
+[[noreturn]] void fail(const std::string& what)
+{
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+/// Where a path ends: the directory that holds it, and its name there.
+struct Place
+{
+    std::string directory;
+    std::string name;
+};
+
+[[nodiscard]] Place placeOf(const std::string& path)
+{
+    const std::size_t slash = path.find_last_of('/');
+    return {path.substr(0, slash), path.substr(slash + 1)};
+}
+
+/// The files of one system, reached by descriptors that cannot lead out of it.
+class Files
+{
+public:
+    explicit Files(const std::string& rootDirectory)
+        : running(rootDirectory.empty()),
+          root(open(running ? "/" : rootDirectory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC))
+    {
+        if (!root) {
+            fail(rootDirectory);
+        }
+    }
+
+    [[nodiscard]] UniqueFd openPath(const std::string& path, int flags) const
+    {
+        open_how how = {};
+        how.flags = static_cast<unsigned int>(flags) | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+        how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
+        if (!running) {
+            how.resolve |= RESOLVE_NO_SYMLINKS;
+        }
+        const std::string inside = path.empty() ? "/" : path;
+        UniqueFd fd(static_cast<int>(syscall(SYS_openat2, root.get(), inside.c_str(), &how, sizeof(how))));
+        if (!fd && errno == ELOOP && !running) {
+            throw std::runtime_error(path + " leads through a symbolic link, which is not followed");
+        }
+        if (!fd) {
+            fail(path);
+        }
+        return fd;
+    }
+
+    [[nodiscard]] UniqueFd openDirectory(const std::string& path) const
+    {
+        return openPath(path, O_RDONLY | O_DIRECTORY);
+    }
+
+    [[nodiscard]] std::string read(const std::string& path) const
+    {
+        return readAll(openPath(path, O_RDONLY), path);
+    }
+
+    [[nodiscard]] struct stat statusOf(const std::string& path) const
+    {
+        struct stat status = {};
+        if (fstat(openPath(path, O_RDONLY).get(), &status) != 0) {
+            fail(path);
+        }
+        return status;
+    }
+
+private:
+    [[nodiscard]] static std::string readAll(const UniqueFd& fd, const std::string& path)
+    {
+        std::string text;
+        std::array<char, 4096> buffer{};
+        ssize_t length = 0;
+        while ((length = ::read(fd.get(), buffer.data(), buffer.size())) > 0) {
+            text.append(buffer.data(), static_cast<std::size_t>(length));
+        }
+        if (length < 0) {
+            fail(path);
+        }
+        return text;
+    }
+
+    bool running;
+    UniqueFd root;
+};
+
+void writeAll(const UniqueFd& fd, std::string_view text, const std::string& path)
+{
+    while (!text.empty()) {
+        const ssize_t length = write(fd.get(), text.data(), text.size());
+        if (length < 0) {
+            fail(path);
+        }
+        text.remove_prefix(static_cast<std::size_t>(length));
+    }
+    if (fsync(fd.get()) != 0) {
+        fail(path);
+    }
+}
+
+/// Makes a file with the owner and the rights of another one. Fails with EEXIST when there is one.
+void createLike(const UniqueFd& directory, const std::string& name, const struct stat& model,
+                std::string_view text)
+{
+    const UniqueFd fd(openat(directory.get(), name.c_str(),
+                             O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    if (!fd || fchown(fd.get(), model.st_uid, model.st_gid) != 0 ||
+        fchmod(fd.get(), model.st_mode & PERMISSIONS) != 0) {
+        fail(name);
+    }
+    writeAll(fd, text, name);
+}
+
+void makeDirectory(const Files& files, const std::string& path)
+{
+    for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+        const Place place = placeOf(path.substr(0, end));
+        const UniqueFd parent = files.openDirectory(place.directory);
+        if (mkdirat(parent.get(), place.name.c_str(), DIRECTORY_MODE) != 0 && errno != EEXIST) {
+            fail(path);
+        }
+        if (end == std::string::npos) {
+            break;
+        }
+    }
+    static_cast<void>(files.openDirectory(path)); // what was there may be something else
+}
+
+void setLabel(const Files& files, const Repair& repair)
+{
+    const UniqueFd fd = files.openPath(repair.path, O_RDONLY);
+    if (fsetxattr(fd.get(), Names::LABEL_ATTRIBUTE, repair.value.data(), repair.value.size(), 0) != 0) {
+        fail(repair.path);
+    }
+}
+
+void changeMode(const Files& files, const std::string& path, mode_t without, mode_t with)
+{
+    const UniqueFd fd = files.openPath(path, O_RDONLY);
+    struct stat status = {};
+    if (fstat(fd.get(), &status) != 0 ||
+        fchmod(fd.get(), ((status.st_mode & PERMISSIONS) & ~without) | with) != 0) {
+        fail(path);
+    }
+}
+
+void moveAside(const Files& files, const std::string& path)
+{
+    const Place place = placeOf(path);
+    const UniqueFd directory = files.openDirectory(place.directory);
+    if (renameat2(directory.get(), place.name.c_str(), directory.get(), (place.name + BACKUP_SUFFIX).c_str(),
+                  RENAME_NOREPLACE) != 0) {
+        fail(path + BACKUP_SUFFIX);
+    }
+}
+
+/// Keeps the file as it is now, unless an earlier state is kept already.
+void backUp(const Files& files, const std::string& path)
+{
+    const Place place = placeOf(path);
+    try {
+        createLike(files.openDirectory(place.directory), place.name + BACKUP_SUFFIX, files.statusOf(path),
+                   files.read(path));
+    } catch (const std::system_error& error) {
+        if (error.code().value() != EEXIST) {
+            throw;
+        }
+    }
+}
+
+void appendLines(const Files& files, const Repair& repair)
+{
+    backUp(files, repair.path);
+    writeAll(files.openPath(repair.path, O_WRONLY | O_APPEND), "\n" + repair.value, repair.path);
+}
+
+/// The text with each line that sets the key replaced.
+[[nodiscard]] std::string withKeyReplaced(const std::string& text, const std::string& key,
+                                          const std::string& replacement)
+{
+    std::string result;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        const std::vector<ConfigLine> parsed = parseConfig(line);
+        result += (!parsed.empty() && parsed.front().first == key ? replacement : line) + "\n";
+    }
+    return result;
+}
+
+void replaceKey(const Files& files, const Repair& repair)
+{
+    backUp(files, repair.path);
+    const Place place = placeOf(repair.path);
+    const UniqueFd directory = files.openDirectory(place.directory);
+    const std::string temporary = place.name + ".zonectl-new";
+    createLike(directory, temporary, files.statusOf(repair.path),
+               withKeyReplaced(files.read(repair.path), repair.key, repair.value));
+    if (renameat(directory.get(), temporary.c_str(), directory.get(), place.name.c_str()) != 0) {
+        fail(repair.path);
+    }
+}
+
+void change(const Files& files, const Repair& repair)
+{
+    switch (repair.kind) {
+    case Repair::Kind::MakeDirectory:
+        makeDirectory(files, repair.path);
+        break;
+    case Repair::Kind::SetLabel:
+        setLabel(files, repair);
+        break;
+    case Repair::Kind::TakeOver:
+        if (fchown(files.openPath(repair.path, O_RDONLY).get(), 0, 0) != 0) {
+            fail(repair.path);
+        }
+        break;
+    case Repair::Kind::CloseToOthers:
+        changeMode(files, repair.path, OTHERS_WRITE, 0);
+        break;
+    case Repair::Kind::MakeExecutable:
+        changeMode(files, repair.path, PERMISSIONS, PROGRAM_MODE);
+        break;
+    case Repair::Kind::MoveAside:
+        moveAside(files, repair.path);
+        break;
+    case Repair::Kind::AppendLines:
+        appendLines(files, repair);
+        break;
+    case Repair::Kind::ReplaceKey:
+        replaceKey(files, repair);
+        break;
+    }
+}
+
+[[nodiscard]] std::string appendCommand(const std::string& path, const std::string& lines)
+{
+    // That there is a backup already is no failure.
+    std::string command = "cp -np " + path + " " + path + BACKUP_SUFFIX + "; printf '\\n%s'";
+    std::istringstream each(lines);
+    for (std::string line; std::getline(each, line);) {
+        command += " " + shellWord(line);
+    }
+    return command + " '' >>" + path;
+}
+
+/// A text that stands for itself in sed's patterns and replacements, in which "|" is the delimiter.
+[[nodiscard]] std::string forSed(const std::string& text)
+{
+    std::string escaped;
+    for (const char character : text) {
+        if (std::string_view("\\.*[]^$|&").find(character) != std::string_view::npos) {
+            escaped += '\\';
+        }
+        escaped += character;
+    }
+    return escaped;
+}
+
+[[nodiscard]] std::string command(const std::string& path, const Repair& repair)
+{
+    switch (repair.kind) {
+    case Repair::Kind::MakeDirectory:
+        return "mkdir -p " + path;
+    case Repair::Kind::SetLabel:
+        return std::string("setfattr -n ") + Names::LABEL_ATTRIBUTE + " -v " + shellWord(repair.value) + " " +
+               path;
+    case Repair::Kind::TakeOver:
+        return "chown root:root " + path;
+    case Repair::Kind::CloseToOthers:
+        return "chmod go-w " + path;
+    case Repair::Kind::MakeExecutable:
+        return "chmod 755 " + path;
+    case Repair::Kind::MoveAside:
+        return "mv -nT " + path + " " + path + BACKUP_SUFFIX;
+    case Repair::Kind::AppendLines:
+        return appendCommand(path, repair.value);
+    case Repair::Kind::ReplaceKey:
+        return std::string("sed -i") + BACKUP_SUFFIX + " " +
+               shellWord("s|^[[:blank:]]*" + forSed(repair.key) + "[[:blank:]]*=.*|" + forSed(repair.value) +
+                         "|") +
+               " " + path;
+    }
+    return {};
+}
+
+} // namespace
+
+std::string shellWord(std::string_view text)
+{
+    constexpr std::string_view PLAIN =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._-+:=@,%";
+    if (!text.empty() && text.find_first_not_of(PLAIN) == std::string_view::npos) {
+        return std::string(text);
+    }
+    std::string word = "'";
+    for (const char character : text) {
+        word += character == '\'' ? std::string("'\\''") : std::string(1, character);
+    }
+    return word + "'";
+}
+
+std::string shellCommand(const std::string& root, const std::vector<Repair>& repairs)
+{
+    std::string text;
+    for (const Repair& repair : repairs) {
+        text += (text.empty() ? "" : " && ") + command(shellWord(root + repair.path), repair);
+    }
+    return text;
+}
+
+std::string carryOut(const std::string& root, const Repair& repair)
+{
+    try {
+        change(Files(root), repair);
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+    return {};
+}
+
+} // namespace Zonectl

@@ -1,0 +1,264 @@
+#include "Commands.h"
+#include "Daemon/BusLink.h"
+#include "Daemon/DaemonCalls.h"
+#include "Daemon/ZoneWords.h"
+#include "Device/Containers.h"
+#include "Output/Screen.h"
+#include "Watch/TopTable.h"
+
+#include <csignal>
+#include <glib-unix.h>
+#include <iostream>
+#include <map>
+#include <optional>
+#include <set>
+#include <unistd.h>
+
+namespace Zonectl {
+
+namespace {
+
+constexpr guint INTERVAL_MILLISECONDS = 1000;
+/// Longer than a look: a zone is not asked about again before.
+constexpr std::chrono::seconds ANSWER_LIMIT(30);
+
+/// The states as the daemon tells them, asked for without waiting and never twice at a time.
+class DaemonStates : private BusLink::Observer
+{
+public:
+    DaemonStates() { link.observe(*this); }
+
+    void start() { link.start(); }
+
+    /// Called when there is a daemon to ask, and when it has told for the first time which zones there are.
+    void onNews(std::function<void()> taker) { newsTaker = std::move(taker); }
+
+    /// Forgets the answers and asks anew: for the names unless some are given, and for the zones' states.
+    void ask(const std::vector<std::string>& given)
+    {
+        states.clear();
+        if (!calls) {
+            return;
+        }
+        if (given.empty()) {
+            askNames();
+        }
+        for (const std::string& name : given.empty() ? zoneNames.value_or(given) : given) {
+            askState(name);
+        }
+    }
+
+    /// The names of all zones; nothing as long as the daemon has not told them.
+    [[nodiscard]] const std::optional<std::vector<std::string>>& names() const { return zoneNames; }
+
+    /// The zone's state, when it came since the last asking.
+    [[nodiscard]] std::optional<std::string> state(const std::string& zone) const
+    {
+        const auto found = states.find(zone);
+        return found == states.end() ? std::nullopt : std::optional(found->second);
+    }
+
+private:
+    void busConnected(GDBusConnection* /*bus*/) override {}
+    void daemonAppeared() override
+    {
+        calls.emplace(link.connection());
+        newsTaker();
+    }
+    void daemonAbsent() override { forget(); }
+    void busLost(const std::string& /*reason*/) override { forget(); }
+
+    void forget()
+    {
+        calls.reset();
+        askingNames = false;
+        asking.clear();
+        states.clear();
+        zoneNames.reset();
+    }
+
+    void askNames()
+    {
+        if (askingNames) {
+            return;
+        }
+        askingNames = true;
+        calls->askNames(
+            ANSWER_LIMIT,
+            [this](const std::vector<std::string>& names) {
+                askingNames = false;
+                const bool first = !zoneNames;
+                zoneNames = names;
+                if (first) {
+                    newsTaker();
+                }
+            },
+            [this](const CallFailure& /*failure*/) { askingNames = false; });
+    }
+
+    void askState(const std::string& zone)
+    {
+        if (!asking.insert(zone).second) {
+            return;
+        }
+        calls->askNumber(
+            "ZoneGetState", zone, ANSWER_LIMIT,
+            [this, zone](int state) {
+                asking.erase(zone);
+                if (state >= 0) {
+                    states.insert_or_assign(zone, stateWord(state));
+                }
+            },
+            [this, zone](const CallFailure& /*failure*/) { asking.erase(zone); });
+    }
+
+    BusLink link;
+    std::optional<DaemonCalls> calls;
+    std::optional<std::vector<std::string>> zoneNames;
+    std::map<std::string, std::string> states;
+    std::set<std::string> asking; ///< zones whose answers are awaited
+    bool askingNames = false;
+    std::function<void()> newsTaker = [] {};
+};
+
+/// Looks at the zones once in each interval and shows what it saw.
+class Top
+{
+public:
+    Top(const Options& commandOptions, const Style& outputStyle)
+        : options(commandOptions), style(outputStyle), lxcPath(configuredLxcPath(machine)),
+          loop(g_main_loop_new(nullptr, FALSE))
+    {
+        if (!options.json && isatty(STDOUT_FILENO) == 1) {
+            screen.emplace([this](char key) {
+                if (key == 'q') {
+                    g_main_loop_quit(loop.get());
+                }
+            });
+        }
+    }
+
+    [[nodiscard]] ExitStatus run()
+    {
+        for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+            g_unix_signal_add(number, &Top::endCallback, this);
+        }
+        g_unix_signal_add(SIGWINCH, &Top::resizedCallback, this);
+        states.onNews([this] { begin(); });
+        states.start();
+        begin();
+        if (screen) {
+            look();
+            show();
+        }
+        g_timeout_add(INTERVAL_MILLISECONDS, &Top::lookCallback, this);
+        if (options.timeout) {
+            const std::chrono::milliseconds limit = *options.timeout;
+            g_timeout_add(static_cast<guint>(limit.count()), &Top::endCallback, this);
+        }
+        g_main_loop_run(loop.get());
+        screen.reset();
+        if (outputLost) {
+            throw Failure(EXIT_FAILED, "the output could not be written");
+        }
+        return EXIT_OK;
+    }
+
+private:
+    static gboolean endCallback(gpointer data)
+    {
+        g_main_loop_quit(static_cast<Top*>(data)->loop.get());
+        return G_SOURCE_CONTINUE; // the process ends; until then a second Ctrl-C changes nothing
+    }
+
+    static gboolean resizedCallback(gpointer data)
+    {
+        auto* top = static_cast<Top*>(data);
+        if (top->screen) {
+            top->show();
+        }
+        return G_SOURCE_CONTINUE;
+    }
+
+    static gboolean lookCallback(gpointer data)
+    {
+        auto* top = static_cast<Top*>(data);
+        top->look();
+        top->show();
+        top->states.ask(top->options.arguments);
+        return G_SOURCE_CONTINUE;
+    }
+
+    /// A zone that is met for the first time needs a look with which the next is compared.
+    void begin()
+    {
+        for (const std::string& name : names()) {
+            if (!shares.knows(name)) {
+                static_cast<void>(share(name, usageOf(machine, lxcPath, name)));
+            }
+        }
+        states.ask(options.arguments);
+    }
+
+    [[nodiscard]] std::optional<std::int64_t> share(const std::string& name, const ZoneUsage& usage)
+    {
+        return shares.next(name, recordingClock(), usage.processorTime);
+    }
+
+    void look()
+    {
+        rows.clear();
+        for (const std::string& name : names()) {
+            const ZoneUsage usage = usageOf(machine, lxcPath, name);
+            const auto told = states.state(name);
+            rows.push_back({.name = name,
+                            .state = told.value_or(usage.state),
+                            .toldByDaemon = told.has_value(),
+                            .permille = share(name, usage),
+                            .uptimeSeconds = usage.uptimeSeconds,
+                            .memoryBytes = usage.memoryBytes,
+                            .processes = usage.processes});
+        }
+    }
+
+    [[nodiscard]] std::vector<std::string> names() const
+    {
+        if (!options.arguments.empty()) {
+            return options.arguments;
+        }
+        return states.names() ? *states.names() : configuredNames(machine, lxcPath);
+    }
+
+    void show()
+    {
+        if (screen) {
+            outputLost = !screen->draw(topText(rows, style));
+        } else {
+            std::cout << (options.json ? topJson(rows) : topText(rows, style)) << std::flush;
+            outputLost = !std::cout;
+        }
+        if (outputLost || (!screen && !options.json)) {
+            g_main_loop_quit(loop.get());
+        }
+    }
+
+    const Options& options;
+    const Style& style;
+    const Machine machine{""};
+    std::string lxcPath;
+    ZoneCore::GMainLoopPtr loop;
+    DaemonStates states;
+    ProcessorShares shares;
+    std::vector<TopRow> rows;
+    std::optional<Screen> screen;
+    bool outputLost = false;
+};
+
+} // namespace
+
+ExitStatus topCommand(const Options& options, const Style& style)
+{
+    return Top(options, style).run();
+}
+
+} // namespace Zonectl

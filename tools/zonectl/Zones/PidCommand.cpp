@@ -1,0 +1,41 @@
+#include "Commands.h"
+#include "Daemon/InitPidSocket.h"
+#include "Output/Json.h"
+
+#include <iostream>
+
+namespace Zonectl {
+
+namespace {
+
+/// The server answers at once, unless somebody holds it up.
+constexpr std::chrono::seconds PATIENCE(5);
+
+} // namespace
+
+ExitStatus pidCommand(const Options& options, const Style& /*style*/)
+{
+    const std::string& zone = options.arguments[0];
+    if (zone.size() > LONGEST_INIT_PID_NAME) {
+        throw Failure(EXIT_USAGE, "the init-pid socket takes names of up to " +
+                                      std::to_string(LONGEST_INIT_PID_NAME) + " bytes");
+    }
+    const long pid = askInitPid(zone, options.timeout.value_or(PATIENCE));
+    if (pid == 0) {
+        throw Failure(EXIT_FAILED, "'" + zone + "' is no isolation zone: the socket answers for those only " +
+                                       "('zonectl status' tells of all)");
+    }
+    if (pid < 0) {
+        throw Failure(EXIT_FAILED, "zone '" + zone + "' has not run since the zone manager was started");
+    }
+    if (options.json) {
+        JsonWriter json;
+        json.beginObject().name("name").text(zone).name("init_pid").number(pid).endObject();
+        std::cout << json.finish(JsonWriter::Layout::Indented) << "\n";
+    } else {
+        std::cout << pid << "\n";
+    }
+    return EXIT_OK;
+}
+
+} // namespace Zonectl

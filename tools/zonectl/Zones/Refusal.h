@@ -1,0 +1,20 @@
+#pragma once
+
+#include "Daemon/BusClient.h"
+
+#include <string>
+#include <vector>
+
+namespace Zonectl {
+
+/// Names in one line, "a, b, c"; "none" without any.
+[[nodiscard]] std::string nameList(const std::vector<std::string>& names);
+
+/// Why the daemon refuses requests for a zone, as far as its other answers and the configuration tell. Throws
+/// what a call throws.
+[[nodiscard]] std::string whyRefused(const BusClient& client, const std::string& zone);
+
+/// What is said of a name that the daemon does not have.
+[[nodiscard]] std::string noSuchZone(const std::vector<std::string>& known);
+
+} // namespace Zonectl
