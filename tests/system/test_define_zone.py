@@ -23,6 +23,12 @@ def real(root):
         ("-x", "hybrid"),
         ("", "hybrid"),
         ("--prepare", "red"),
+        ("--prepare", "--remove"),
+        ("red", "hybrid", "extra"),
+        ("--remove",),
+        ("--remove", "red", "hybrid"),
+        ("--remove", "--auto", "red"),
+        ("--remove", "../red"),
     ],
 )
 def test_wrong_definitions_give_two_and_the_usage(arguments):
@@ -116,3 +122,33 @@ def test_a_frozen_container_ends_with_its_root():
         first = root.host_pid(zones.init_pid("red"))
     assert not Path(f"/proc/{first}/exe").exists()
     assert not control_groups_of(supervisor)
+
+
+def test_a_removed_zone_leaves_nothing(real):
+    real.define("red", "isolation")
+    assert "red is removed" in real.root.run([DEFINE_ZONE, "--remove", "red"]).stdout
+    assert not real.root.exists("/var/lib/lxc/red")
+    assert not real.root.exists("/opt/var/lib/lxc/red")
+
+
+def test_what_a_removed_zone_has_written_stays_and_is_named(real):
+    real.define("red", "isolation")
+    real.root.write("/opt/var/lib/lxc/red/data", "of somebody")
+    result = real.root.run([DEFINE_ZONE, "--remove", "red"])
+    assert "/opt/var/lib/lxc/red is not empty and stays" in result.stdout
+    assert real.root.read("/opt/var/lib/lxc/red/data") == "of somebody"
+    assert not real.root.exists("/var/lib/lxc/red")
+
+
+def test_a_running_zone_is_not_removed(real):
+    real.define("red", "hybrid")
+    real.start("red")
+    result = real.root.run([DEFINE_ZONE, "--remove", "red"], check=False)
+    assert result.returncode == 1 and "red is RUNNING: stop it first" in result.stderr
+    assert real.root.exists("/var/lib/lxc/red/config")
+    real.kill("red")
+
+
+def test_what_is_not_there_cannot_be_removed(real):
+    result = real.root.run([DEFINE_ZONE, "--remove", "red"], check=False)
+    assert result.returncode == 1 and "no container red" in result.stderr

@@ -27,7 +27,7 @@ QuietCorner::QuietCorner()
 QuietCorner::~QuietCorner()
 {
     if (mounts && setns(mounts.get(), CLONE_NEWNS) == 0) {
-        static_cast<void>(fchdir(directory.get())); // where it was before, which was there
+        [[maybe_unused]] const int back = fchdir(directory.get()); // where it was before, which was there
     }
     if (errors) {
         dup2(errors.get(), STDERR_FILENO);
