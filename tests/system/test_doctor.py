@@ -3,20 +3,24 @@
 import re
 
 import pytest
-from doctor.clinic import Clinic
+from doctor.clinic import ZONECTL, Clinic, Report
 from doctor.recipes import RECIPES
 from zonetest import PROJECT, messages
 
 MESSAGES = [messages.expression(message.text) for message in messages.catalogue()]
 IDS = re.findall(r'= "([a-z.-]+)";', (PROJECT / "tools" / "zonectl" / "Doctor" / "FindingIds.h").read_text())
-# What no recipe can do to a machine: another user, a kernel or a library of another kind.
+# What no recipe can do to a machine: another user, a kernel or a library of another kind, a daemon that runs.
 ELSEWHERE = {
+    "daemon.stale",
+    "daemon.gone",
+    "daemon.silent",
     "user.not-root",
     "smack.inactive",
     "liblxc.untried",
     "lxcpath.none",
     "container.autostart-value",
 }
+RED = "/var/lib/lxc/red"
 
 
 @pytest.fixture(scope="module")
@@ -76,6 +80,60 @@ def test_every_finding_has_a_recipe():
     found = {name for recipe in RECIPES for name in recipe.finds}
     assert {name for name in IDS if "." in name} == found | ELSEWHERE
     assert not found & ELSEWHERE
+
+
+def begin(clinic):
+    """Starts the daemon; when it is on the bus, it has its zones."""
+    clinic.daemon.start()
+    clinic.bus.wait_owned()
+
+
+def begin_again(clinic, report):
+    """Does the first remedy's command, which ends the daemon, and starts it again as told."""
+    command, _, rest = report.bad[0]["remedy"].partition(" # ")
+    assert rest == "and start the daemon again when it has ended"
+    clinic.shell(command)
+    assert clinic.daemon.wait_exit() == 0
+    begin(clinic)
+
+
+def told(report):
+    return {(finding["id"], finding["subject"], finding["severity"]) for finding in report.bad}
+
+
+def test_what_was_corrected_is_a_zone_after_a_restart_only(clinic):
+    clinic.shell(f"sed -i '/^zone.container_type/d' {RED}/config")
+    begin(clinic)
+    assert clinic.examine().ids == ("container.no-kind",), "not twice"
+    clinic.restore()
+    report = clinic.examine()
+    assert (report.status, told(report)) == (1, {("daemon.stale", "red", "problem")})
+    assert "automatic-start" not in [finding["id"] for finding in report.data["findings"]]
+    begin_again(clinic, report)
+    assert clinic.examine().ids == ()
+
+
+def test_what_is_defined_and_what_is_destroyed_while_the_daemon_runs(clinic):
+    away = "/root/away"
+    clinic.shell(f"mkdir {away}; mv /var/lib/lxc/blue {away}")
+    begin(clinic)
+    clinic.shell(f"mv {away}/blue /var/lib/lxc; mv {RED} {away}")
+    try:
+        report = clinic.examine()
+        assert told(report) == {("daemon.stale", "blue", "problem"), ("daemon.gone", "red", "warning")}
+        begin_again(clinic, report)
+        assert clinic.examine().ids == ()
+    finally:
+        clinic.shell(f"mv {away}/red /var/lib/lxc; rmdir {away}")
+
+
+def test_who_may_not_ask_the_daemon_is_told_that_it_was_not_asked(clinic):
+    begin(clinic)
+    result = clinic.root.run(
+        ["setpriv", "--reuid=65534", "--clear-groups", ZONECTL, "doctor", "--json"], check=False)
+    if "Permission denied" in result.stderr:
+        pytest.skip("the build cannot be run by others")
+    assert ("daemon.silent", "zones", "warning") in told(Report(result))
 
 
 def test_a_healthy_machine_and_its_daemon(clinic):

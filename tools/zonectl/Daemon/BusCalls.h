@@ -23,7 +23,7 @@ public:
 
     explicit BusCalls(const BusClient& client);
 
-    /// Begins "ZoneGetState" or "ZoneGetInitPid".
+    /// Begins a method that takes a zone and answers with a number, as "ZoneGetState".
     void askInteger(const char* method, const std::string& zone, std::chrono::milliseconds patience,
                     IntegerHandler handler);
     /// Begins "GetZoneList".

@@ -34,7 +34,7 @@ public:
 
     /// "GetZoneList".
     void askNames(std::chrono::milliseconds limit, NamesTaker taker, FailureTaker onFailure);
-    /// "ZoneGetState" or "ZoneGetInitPid".
+    /// A method that takes a zone and answers with a number, as "ZoneGetState".
     void askNumber(const char* method, const std::string& zone, std::chrono::milliseconds limit,
                    NumberTaker taker, FailureTaker onFailure);
 

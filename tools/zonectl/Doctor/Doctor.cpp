@@ -75,6 +75,11 @@ std::string Examination::word(const std::string& path) const
     return shellWord(machine.rootDirectory() + path);
 }
 
+bool Examination::systemdRuns() const
+{
+    return machine.live() && machine.isDirectory("/run/systemd/system");
+}
+
 bool libraryMayBeAsked(const Machine& machine)
 {
     return machine.live() && geteuid() == 0;

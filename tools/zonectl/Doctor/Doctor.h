@@ -47,7 +47,8 @@ struct Diagnosis
 /// version 1 without the named hierarchies.
 [[nodiscard]] std::vector<std::string> controllerLists(std::string_view cgroupText);
 
-/// Looks the machine over. Changes nothing, and needs neither the daemon nor a bus.
+/// Looks the machine over. Changes nothing, and needs neither the daemon nor a bus; a daemon that is on the
+/// bus is asked which zones it has.
 [[nodiscard]] Diagnosis examine(const Machine& machine);
 
 /// The containers as the daemon sees them: through its liblxc where that can be asked, else by their files.

@@ -14,7 +14,6 @@ namespace {
 constexpr std::chrono::seconds PATIENCE(5);
 constexpr const char* POLICY_FILE = "/usr/share/dbus-1/system.d/org.ornix.zoneframework.conf";
 constexpr const char* NAME_LOST = "Bus is lost(\"org.ornix.zoneframework\")";
-constexpr const char* RUNNING_SYSTEMD = "/run/systemd/system";
 constexpr const char* WANTED_UNITS = "/etc/systemd/system/multi-user.target.wants/";
 
 struct UnitRow
@@ -36,17 +35,18 @@ constexpr std::array OTHER_UNITS = {
 };
 
 /// What systemctl is told before the unit's name.
-[[nodiscard]] std::string disabling(const Machine& machine, const UnitRow& row)
+[[nodiscard]] std::string disabling(const Examination& examination, const UnitRow& row)
 {
-    if (!machine.live()) {
-        return "--root=" + shellWord(machine.rootDirectory()) + " disable";
+    if (!examination.machine.live()) {
+        return "--root=" + shellWord(examination.machine.rootDirectory()) + " disable";
     }
-    return row.endsToo && machine.isDirectory(RUNNING_SYSTEMD) ? "disable --now" : "disable";
+    return row.endsToo && examination.systemdRuns() ? "disable --now" : "disable";
 }
 
 void checkOwner(Examination& examination, const Holder& owner)
 {
     if (owner.isDaemon() || owner.program.empty()) { // the program of a stranger may be hidden
+        examination.daemon = owner.pid;
         examination.addOk(FindingIds::BUS, "bus", "the zone manager is on the bus");
     } else {
         examination.add({.id = FindingIds::BUS_NAME_TAKEN,
@@ -117,7 +117,7 @@ void checkOtherUnits(Examination& examination)
                              .subject = row.unit,
                              .severity = Severity::Warning,
                              .text = row.text,
-                             .remedy = "systemctl " + disabling(examination.machine, row) + " " + row.unit});
+                             .remedy = "systemctl " + disabling(examination, row) + " " + row.unit});
         }
     }
 }

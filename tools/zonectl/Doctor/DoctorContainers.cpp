@@ -106,7 +106,7 @@ void checkContainers(Examination& examination)
              .remedy = "lxc-create -n NAME -t busybox, then a line 'zone.container_type = ...' in " +
                        configPath(listing.lxcPath, "NAME"),
              .message = "lxc containers (base path : " + listing.lxcPath + ")"});
-    } else if (!examination.diagnosis.automaticStartBlocked()) {
+    } else if (checkZonesOfDaemon(examination) && !examination.diagnosis.automaticStartBlocked()) {
         examination.addOk(FindingIds::AUTOSTART, "automatic start", "every listed container becomes a zone");
     }
 }

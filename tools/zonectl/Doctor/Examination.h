@@ -4,6 +4,9 @@
 #include "Doctor/FindingIds.h"
 #include "Doctor/Labels.h"
 
+#include <optional>
+#include <sys/types.h>
+
 namespace Zonectl {
 
 /// What the doctor's checks work with: what they look at, and what they have found so far.
@@ -14,6 +17,7 @@ struct Examination
     const Machine& machine;
     const bool smackKernel;
     const ContainerListing listing;
+    std::optional<pid_t> daemon{}; ///< the daemon that is on the bus
     Diagnosis diagnosis;
 
     /// Adds a finding. With repairs and without a remedy, the repairs' command is the remedy.
@@ -22,6 +26,9 @@ struct Examination
 
     /// The system's path as a word of a shell command.
     [[nodiscard]] std::string word(const std::string& path) const;
+
+    /// Whether systemctl can start and end what runs on the machine.
+    [[nodiscard]] bool systemdRuns() const;
 };
 
 /// Whether the daemon's liblxc can be asked: only root sees root's containers, and a library of another
@@ -41,6 +48,9 @@ struct Examination
 [[nodiscard]] bool checkRefusals(Examination& examination, const ContainerInfo& container);
 /// Whether the container's configuration lets it be started and cleaned up; what does not is told.
 [[nodiscard]] bool checkSettings(Examination& examination, const ContainerInfo& container);
+/// Whether the daemon that runs, if one does, has all of the containers that it would take now; what differs
+/// is told.
+[[nodiscard]] bool checkZonesOfDaemon(Examination& examination);
 
 void checkUser(Examination& examination);
 void checkSmack(Examination& examination);

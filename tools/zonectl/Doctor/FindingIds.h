@@ -73,6 +73,9 @@ inline constexpr std::string_view CONTAINER_CGROUPS = "container.cgroups";
 inline constexpr std::string_view CONTAINER_NETWORK = "container.shared-network";
 inline constexpr std::string_view CONTAINER_NAME = "container.long-name";
 inline constexpr std::string_view CONTAINER_AUTOSTART = "container.autostart-value";
+inline constexpr std::string_view DAEMON_STALE = "daemon.stale";
+inline constexpr std::string_view DAEMON_GONE = "daemon.gone";
+inline constexpr std::string_view DAEMON_SILENT = "daemon.silent";
 inline constexpr std::string_view AUTOSTART = "automatic-start";
 
 } // namespace Zonectl::FindingIds
