@@ -189,6 +189,22 @@ def test_control_groups_that_keep_a_zone_from_starting(leftovers, zones, root):
     assert zones.state("red") == "RUNNING"
 
 
+def test_control_groups_below_that_of_the_first_process(leftovers, zones, root):
+    inner = "/sys/fs/cgroup/freezer/inner"
+    root.run(f"mkdir {inner}; echo 1 >{inner}/cgroup.procs")
+    leftovers.start("red")
+    assert leftovers.run(status=0) == []
+    init = zones.init_pid("red")
+    leftovers.kill_monitor("red")
+    eventually(lambda: not leftovers.alive(init), 10, "the end of init")
+    assert root.run(["lxc-start", "-n", "red", "-d"], check=False).returncode != 0
+    places = [path for leftover in leftovers.run(status=1) for path in leftover["where"]]
+    assert f"{inner}/lxc.payload/red" in places
+    leftovers.run("--clean", "--yes", status=0)
+    zones.start("red")
+    assert zones.state("red") == "RUNNING"
+
+
 def test_control_groups_of_lxcs_own_naming(leftovers, zones, root):
     """Without a control group of their own in the configuration, LXC makes further copies."""
     leftovers.start("red")

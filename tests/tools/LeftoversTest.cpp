@@ -187,6 +187,17 @@ TEST(Leftovers, EmptyGroupsOfAllHierarchiesAreOneLeftover)
     EXPECT_EQ(placeOf(leftover), "/sys/fs/cgroup/*/lxc.payload/red");
 }
 
+TEST(Leftovers, TheGroupsBelowThatOfProcessOneCountToo)
+{
+    const MachineTree tree;
+    tree.write("/proc/self/mountinfo", "32 31 0:29 / /sys/fs/cgroup/cpu rw - cgroup cgroup rw,cpu\n");
+    tree.write("/proc/1/cgroup", "1:cpu:/inner\n");
+    tree.addGroup("cpu", "inner/lxc.payload/red", {});
+    tree.addGroup("freezer", "lxc.payload/red", {});
+    EXPECT_EQ(onlyOne(tree).paths, (std::vector<std::string>{"/sys/fs/cgroup/freezer/lxc.payload/red",
+                                                             "/sys/fs/cgroup/cpu/inner/lxc.payload/red"}));
+}
+
 TEST(Leftovers, EveryFormOfAGroupCounts)
 {
     for (const char* form : {"lxc.payload/red", "lxc.monitor/red", "lxc.payload.red", "lxc.monitor.red",

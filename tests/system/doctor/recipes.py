@@ -90,6 +90,12 @@ KERNEL = [
         breaks="mount -t tmpfs none /sys/fs/cgroup",
         mends="umount /sys/fs/cgroup",
     ),
+    recipe(
+        "the first process in a control group of its own",
+        "cgroups.nested",
+        breaks="for c in freezer memory; do mkdir -p /sys/fs/cgroup/$c/inner;"
+        " echo 1 >/sys/fs/cgroup/$c/inner/cgroup.procs; done",
+    ),
 ]
 
 BUS = [

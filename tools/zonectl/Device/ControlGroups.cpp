@@ -36,6 +36,59 @@ constexpr std::array PARENTS = {Parent{"lxc.payload", true}, Parent{"lxc.monitor
     return text;
 }
 
+/// A line of the table of mounts that is a hierarchy of control groups.
+struct HierarchyMount
+{
+    std::string root; ///< the group that is seen at the top
+    std::string point;
+    std::string type;
+    std::string options;
+
+    /// Whether a line of /proc/PID/cgroup with these controllers is about this hierarchy.
+    [[nodiscard]] bool has(const std::string& controllers) const
+    {
+        if (controllers.empty()) {
+            return type == "cgroup2";
+        }
+        const auto listed = [](const std::string& list) { return "," + list + ","; };
+        return type == "cgroup" && listed(options).find(listed(controllers)) != std::string::npos;
+    }
+};
+
+[[nodiscard]] std::vector<HierarchyMount> hierarchyMounts(const Machine& machine)
+{
+    std::vector<HierarchyMount> mounts;
+    std::istringstream lines(machine.read("/proc/self/mountinfo").value_or(""));
+    for (std::string line; std::getline(lines, line);) {
+        // "32 31 0:29 / /sys/fs/cgroup/cpu rw,relatime shared:9 - cgroup cgroup rw,cpu"
+        HierarchyMount mount;
+        std::string skipped;
+        std::istringstream fields(line);
+        fields >> skipped >> skipped >> skipped >> mount.root >> mount.point;
+        while (fields >> skipped && skipped != "-") {
+        }
+        fields >> mount.type >> skipped >> mount.options;
+        mount.root = unescaped(mount.root);
+        mount.point = unescaped(mount.point);
+        if (mount.type == "cgroup" || mount.type == "cgroup2") {
+            mounts.push_back(std::move(mount));
+        }
+    }
+    return mounts;
+}
+
+/// What is left of a group's path below the group that is seen at the top; empty for that one itself, and for
+/// one that cannot be seen.
+[[nodiscard]] std::string seenBelow(const std::string& root, std::string group)
+{
+    constexpr std::string_view INIT_SCOPE = "/init.scope"; // systemd's own, which LXC takes off as well
+    if (group.ends_with(INIT_SCOPE)) {
+        group.erase(group.size() - INIT_SCOPE.size());
+    }
+    const std::string top = root == "/" ? "" : root;
+    return group.starts_with(top + "/") && group.size() > top.size() + 1 ? group.substr(top.size()) : "";
+}
+
 [[nodiscard]] std::string below(const std::string& directory, std::string_view name)
 {
     std::string path = directory;
@@ -167,11 +220,37 @@ std::vector<std::string> cgroupMounts(const Machine& machine)
     return points;
 }
 
+std::vector<NestedHierarchy> nestedHierarchies(const Machine& machine)
+{
+    const std::vector<HierarchyMount> mounts = hierarchyMounts(machine);
+    std::vector<NestedHierarchy> nested;
+    std::istringstream lines(machine.read("/proc/1/cgroup").value_or(""));
+    std::string controllers;
+    // "1:cpu,cpuacct:/group"
+    while (std::getline(lines, controllers, ':') && std::getline(lines, controllers, ':')) {
+        std::string group;
+        std::getline(lines, group);
+        const auto mount = std::find_if(mounts.begin(), mounts.end(),
+                                        [&](const HierarchyMount& each) { return each.has(controllers); });
+        if (mount == mounts.end()) {
+            continue;
+        }
+        if (const std::string path = seenBelow(mount->root, group); !path.empty()) {
+            nested.push_back(
+                {.controllers = controllers, .mount = mount->point, .group = mount->point + path});
+        }
+    }
+    return nested;
+}
+
 std::vector<ControlGroup> lxcControlGroups(const Machine& machine)
 {
     GroupSearch search(machine);
     for (const std::string& mount : cgroupMounts(machine)) {
         search.lookBelow(mount);
+    }
+    for (const NestedHierarchy& hierarchy : nestedHierarchies(machine)) {
+        search.lookBelow(hierarchy.group);
     }
     return search.take();
 }

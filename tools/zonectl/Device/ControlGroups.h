@@ -42,7 +42,20 @@ struct FreezerState
 /// The mount points of all control-group hierarchies, of both versions.
 [[nodiscard]] std::vector<std::string> cgroupMounts(const Machine& machine);
 
-/// The control groups of LXC's usual forms directly below each mount point, in the order of the mounts.
+/// A hierarchy in which process 1 is not at the top, as far as that can be seen from here. LXC makes the
+/// groups of root's containers below the group of process 1.
+struct NestedHierarchy
+{
+    std::string controllers{}; ///< as "cpu,cpuacct" or "name=systemd"; empty for version 2
+    std::string mount{};       ///< the mount point
+    std::string group{};       ///< that of process 1, with the mount point
+};
+
+/// The mounted hierarchies in which LXC makes its groups further down than at the top.
+[[nodiscard]] std::vector<NestedHierarchy> nestedHierarchies(const Machine& machine);
+
+/// The control groups of LXC's usual forms directly below each mount point, in the order of the mounts, and
+/// then those directly below the group of process 1 where that is further down.
 [[nodiscard]] std::vector<ControlGroup> lxcControlGroups(const Machine& machine);
 
 /// A control group by its path alone, with the processes in it and below.

@@ -1,4 +1,5 @@
 #include "Daemon/Names.h"
+#include "Device/ControlGroups.h"
 #include "Doctor/Examination.h"
 
 #include <unistd.h>
@@ -14,6 +15,41 @@ namespace {
         text += (text.empty() ? "" : " ") + part;
     }
     return text;
+}
+
+/// Whether the hierarchy is one in which the daemon looks for what a dead zone has left behind.
+[[nodiscard]] bool isCleanedUp(const NestedHierarchy& hierarchy)
+{
+    return !hierarchy.controllers.empty() && hierarchy.controllers.find('=') == std::string::npos &&
+           hierarchy.mount.starts_with(std::string(Names::CGROUP_DIRECTORY) + "/");
+}
+
+/// Tells of the controllers in which LXC makes its groups where the daemon's clean-up does not look. Returns
+/// whether there are none.
+[[nodiscard]] bool checkNesting(Examination& examination)
+{
+    std::vector<std::string> groups;
+    std::vector<std::string> mounts;
+    for (const NestedHierarchy& hierarchy : nestedHierarchies(examination.machine)) {
+        if (isCleanedUp(hierarchy)) {
+            groups.push_back(hierarchy.group);
+            mounts.push_back(shellWord(hierarchy.mount));
+        }
+    }
+    if (groups.empty()) {
+        return true;
+    }
+    examination.add(
+        {.id = FindingIds::CGROUPS_NESTED,
+         .subject = "cgroups",
+         .severity = Severity::Warning,
+         .text =
+             "process 1 is in " + joined(groups) +
+             ", so that LXC makes its groups below that: what a dead zone leaves there is not cleaned up, "
+             "and then keeps it from starting (File exists)",
+         .remedy = "for top in " + joined(mounts) +
+                   "; do echo 1 >\"$top/cgroup.procs\"; done # while no zone runs"});
+    return false;
 }
 
 } // namespace
@@ -60,7 +96,7 @@ void checkCgroups(Examination& examination)
                          .text = "no version 1 controller is mounted below /sys/fs/cgroup: what a dead zone "
                                  "leaves behind is not cleaned up",
                          .remedy = "boot with systemd.unified_cgroup_hierarchy=0"});
-    } else {
+    } else if (checkNesting(examination)) {
         examination.addOk(FindingIds::CGROUPS, "cgroups", "version 1: " + joined(found));
     }
 }

@@ -12,6 +12,7 @@ inline constexpr std::string_view SMACK = "smack";
 inline constexpr std::string_view SMACK_INACTIVE = "smack.inactive";
 inline constexpr std::string_view CGROUPS = "cgroups";
 inline constexpr std::string_view CGROUPS_NONE = "cgroups.none";
+inline constexpr std::string_view CGROUPS_NESTED = "cgroups.nested";
 
 inline constexpr std::string_view BUS = "bus";
 inline constexpr std::string_view BUS_UNREACHABLE = "bus.unreachable";
