@@ -4,8 +4,8 @@ import re
 
 import pytest
 from doctor.clinic import ZONECTL, Clinic, Report
-from doctor.recipes import RECIPES
-from zonetest import PROJECT, messages
+from doctor.recipes import RECIPES, WANTS
+from zonetest import PROJECT, Bus, messages
 
 MESSAGES = [messages.expression(message.text) for message in messages.catalogue()]
 IDS = re.findall(r'= "([a-z.-]+)";', (PROJECT / "tools" / "zonectl" / "Doctor" / "FindingIds.h").read_text())
@@ -80,6 +80,30 @@ def test_every_finding_has_a_recipe():
     found = {name for recipe in RECIPES for name in recipe.finds}
     assert {name for name in IDS if "." in name} == found | ELSEWHERE
     assert not found & ELSEWHERE
+
+
+def test_without_systemd_no_remedy_asks_it(root, zones):
+    zones.define("red")
+    Bus(root)  # its policy alone: no bus is started
+    for unit in ("lxc.service", "lxc-monitord.service"):
+        root.run(["ln", "-sf", f"/lib/systemd/system/{unit}", f"{WANTS}/{unit}"])
+    report = Report(root.run([ZONECTL, "doctor", "--json"], check=False))
+    assert report.ids == ("bus.unreachable", "unit.lxc", "unit.lxc-monitord")
+    for finding in report.bad:
+        assert "systemctl" not in finding["remedy"]
+        root.run(finding["remedy"])
+    assert Report(root.run([ZONECTL, "doctor", "--json"], check=False)).ids == ()
+
+
+def test_with_systemd_it_is_asked(clinic):
+    clinic.shell(f"mkdir -p /run/systemd/system; ln -s /lib/systemd/system/lxc-monitord.service {WANTS}")
+    begin(clinic)
+    clinic.shell("mv /var/lib/lxc/red /root/red")
+    try:
+        assert {finding["remedy"] for finding in clinic.examine().bad} == {
+            "systemctl restart zone-manager", "systemctl disable --now lxc-monitord.service"}
+    finally:
+        clinic.shell(f"mv /root/red /var/lib/lxc; rm -r /run/systemd {WANTS}/lxc-monitord.service")
 
 
 def begin(clinic):

@@ -34,13 +34,16 @@ constexpr std::array OTHER_UNITS = {
             true},
 };
 
-/// What systemctl is told before the unit's name.
+/// The command after which the unit is started no more, and has ended where it must.
 [[nodiscard]] std::string disabling(const Examination& examination, const UnitRow& row)
 {
     if (!examination.machine.live()) {
-        return "--root=" + shellWord(examination.machine.rootDirectory()) + " disable";
+        return "systemctl --root=" + shellWord(examination.machine.rootDirectory()) + " disable " + row.unit;
     }
-    return row.endsToo && examination.systemdRuns() ? "disable --now" : "disable";
+    if (!examination.systemdRuns()) {
+        return "rm " + std::string(WANTED_UNITS) + row.unit;
+    }
+    return std::string("systemctl disable ") + (row.endsToo ? "--now " : "") + row.unit;
 }
 
 void checkOwner(Examination& examination, const Holder& owner)
@@ -75,7 +78,8 @@ void checkBus(Examination& examination)
              .subject = "bus",
              .severity = Severity::Problem,
              .text = std::string(failure.what()) + "; the daemon runs without requests and signals",
-             .remedy = "systemctl start dbus.service",
+             .remedy = examination.systemdRuns() ? "systemctl start dbus.service"
+                                                 : "mkdir -p /run/dbus && dbus-daemon --system --fork",
              .message = NAME_LOST});
     }
 }
@@ -117,7 +121,7 @@ void checkOtherUnits(Examination& examination)
                              .subject = row.unit,
                              .severity = Severity::Warning,
                              .text = row.text,
-                             .remedy = "systemctl " + disabling(examination, row) + " " + row.unit});
+                             .remedy = disabling(examination, row)});
         }
     }
 }

@@ -95,7 +95,10 @@ void checkCgroups(Examination& examination)
                          .severity = Severity::Warning,
                          .text = "no version 1 controller is mounted below /sys/fs/cgroup: what a dead zone "
                                  "leaves behind is not cleaned up",
-                         .remedy = "boot with systemd.unified_cgroup_hierarchy=0"});
+                         .remedy = examination.systemdRuns()
+                                       ? "boot with systemd.unified_cgroup_hierarchy=0"
+                                       : "let the boot mount the version 1 controllers there, as "
+                                         "/sys/fs/cgroup/memory"});
     } else if (checkNesting(examination)) {
         examination.addOk(FindingIds::CGROUPS, "cgroups", "version 1: " + joined(found));
     }
