@@ -103,6 +103,20 @@ def test_what_cannot_be_mended_is_told_again(broken):
     assert [each["id"] for each in report["findings"] if each["severity"] == "problem"] == ["liblxc.missing"]
 
 
+def test_it_ends_with_what_is_left_to_somebody_who_decides(broken):
+    container(broken, "none-zone", None)
+    result = bus_fixtures.zonectl(*ARGUMENTS, "--yes", "--root", str(broken))
+    assert result.returncode == 1
+    _, left = result.stdout.split("\nLeft to you:\n")
+    config = f"{broken}/var/lib/lxc/none-zone/config"
+    first, second = left.splitlines()
+    assert first == "  none-zone: is refused: its configuration names no valid kind (zone.container_type)"
+    assert second.startswith("    -> ") and second.endswith(f"{config} # or isolation, or protection")
+    assert "Left to you" not in bus_fixtures.zonectl("doctor", "--root", str(broken)).stdout
+    (broken / "var/lib/lxc/none-zone/config").unlink()
+    assert "Left to you" not in bus_fixtures.zonectl(*ARGUMENTS, "--yes", "--root", str(broken)).stdout
+
+
 def test_a_failure_is_told_and_the_others_are_mended(broken):
     (broken / "away").mkdir()
     (broken / "run/lxc").rename(broken / "away/lxc")

@@ -99,6 +99,21 @@ void printText(const Diagnosis& diagnosis, const std::vector<RepairOutcome>& out
               << "\n";
 }
 
+/// What `--fix` did not mend: most of it needs somebody who decides, or who ends a program.
+void printLeft(const Diagnosis& diagnosis)
+{
+    std::string text;
+    for (const Diagnosed& finding : diagnosis.findings) {
+        if (finding.severity == Severity::Warning || finding.severity == Severity::Problem) {
+            text += "  " + printable(finding.subject) + ": " + printable(finding.text) + "\n";
+            text += "    -> " + printable(finding.remedy) + "\n";
+        }
+    }
+    if (!text.empty()) {
+        std::cout << "\nLeft to you:\n" << text;
+    }
+}
+
 void writeRefused(JsonWriter& json, const Diagnosis& diagnosis)
 {
     json.name("refused").beginArray();
@@ -171,6 +186,9 @@ ExitStatus doctorCommand(const Options& options, const Style& style)
         printJson(diagnosis, outcomes);
     } else {
         printText(diagnosis, outcomes, style);
+        if (options.fix) {
+            printLeft(diagnosis);
+        }
     }
     return diagnosis.hasProblems() ? EXIT_FAILED : EXIT_OK;
 }
