@@ -5,7 +5,7 @@ import re
 import pytest
 from doctor.clinic import ZONECTL, Clinic, Report
 from doctor.recipes import RECIPES, WANTS
-from zonetest import PROJECT, Bus, messages
+from zonetest import PROJECT, READY, Bus, eventually, messages
 
 MESSAGES = [messages.expression(message.text) for message in messages.catalogue()]
 IDS = re.findall(r'= "([a-z.-]+)";', (PROJECT / "tools" / "zonectl" / "Doctor" / "FindingIds.h").read_text())
@@ -104,6 +104,20 @@ def test_with_systemd_it_is_asked(clinic):
             "systemctl restart zone-manager", "systemctl disable --now lxc-monitord.service"}
     finally:
         clinic.shell(f"mv /root/red /var/lib/lxc; rm -r /run/systemd {WANTS}/lxc-monitord.service")
+
+
+@pytest.mark.parametrize("breaks, finds", [
+    ("mkdir -p /var/lib/lxc", "containers.none"), ("rm -rf /var/lib/lxc", "lxcpath.missing")])
+def test_the_first_zone_is_defined_by_the_remedy(root, zones, bus, daemon, breaks, finds):
+    root.run(breaks)
+    report = Report(root.run([ZONECTL, "doctor", "--json"], check=False))
+    (finding,) = [each for each in report.bad if each["id"] == finds]
+    root.run(finding["remedy"])
+    report = Report(root.run([ZONECTL, "doctor", "--json"], check=False))
+    assert [name for name in report.ids if not name.startswith("unit.")] == []
+    daemon.start(wait=READY)
+    assert bus.call("ZoneStart", "red")
+    eventually(lambda: zones.state("red") == "RUNNING", 20, "red to run")
 
 
 def begin(clinic):

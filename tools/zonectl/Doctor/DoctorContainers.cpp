@@ -54,6 +54,23 @@ void addUnloadable(Examination& examination, const std::string& name)
                      .repairs = std::move(repairs)});
 }
 
+/// The commands that define a first zone, of the kind that needs no labels of its own. Without the
+/// distribution's defaults, whose network needs a bridge that need not be there.
+[[nodiscard]] std::string definition(const Examination& examination)
+{
+    if (!examination.machine.live()) {
+        return "define one there, as in the examples of zone.config(5)";
+    }
+    const std::string& lxcPath = examination.listing.lxcPath;
+    return "NAME=red; lxc-create -n $NAME -t busybox -f /dev/null && printf '%s\\n'"
+           " 'zone.container_type = hybrid' 'lxc.net.0.type = empty'"
+           " \"lxc.cgroup.dir.container = lxc.payload/$NAME\""
+           " \"lxc.cgroup.dir.monitor = lxc.monitor/$NAME\""
+           " 'lxc.cgroup.dir.monitor.pivot = lxc.pivot'"
+           " >>" +
+           shellWord(lxcPath) + "/$NAME/config # zone.config(5) tells of the lines";
+}
+
 /// Whether there is a container path to look into.
 [[nodiscard]] bool checkLxcPath(Examination& examination)
 {
@@ -75,7 +92,7 @@ void addUnloadable(Examination& examination, const std::string& name)
                      .subject = "lxc.lxcpath",
                      .severity = Severity::Problem,
                      .text = path + " is not there: the daemon ends at start-up",
-                     .remedy = usual ? "define a container with lxc-create"
+                     .remedy = usual ? definition(examination)
                                      : "sed -i" + std::string(BACKUP_SUFFIX) +
                                            " 's|^[[:blank:]]*lxc\\.lxcpath[[:blank:]]*=|# &|' " +
                                            examination.word(LXC_CONFIGURATION) + " # or put it there",
@@ -98,14 +115,12 @@ void checkContainers(Examination& examination)
         checkContainer(examination, container);
     }
     if (listing.containers.empty()) {
-        examination.add(
-            {.id = FindingIds::CONTAINERS_NONE,
-             .subject = "containers",
-             .severity = Severity::Problem,
-             .text = "none is defined: the daemon ends at start-up",
-             .remedy = "lxc-create -n NAME -t busybox, then a line 'zone.container_type = ...' in " +
-                       configPath(listing.lxcPath, "NAME"),
-             .message = "lxc containers (base path : " + listing.lxcPath + ")"});
+        examination.add({.id = FindingIds::CONTAINERS_NONE,
+                         .subject = "containers",
+                         .severity = Severity::Problem,
+                         .text = "none is defined: the daemon ends at start-up",
+                         .remedy = definition(examination),
+                         .message = "lxc containers (base path : " + listing.lxcPath + ")"});
     } else if (checkZonesOfDaemon(examination) && !examination.diagnosis.automaticStartBlocked()) {
         examination.addOk(FindingIds::AUTOSTART, "automatic start", "every listed container becomes a zone");
     }
