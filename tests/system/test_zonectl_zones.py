@@ -101,10 +101,41 @@ def test_what_is_told_of_each_zone(managed, zonectl):
         None,
         False,
     )
-    assert (told["gold"]["access"], told["gold"]["state"]) == ("protected", None)
+    assert (told["gold"]["access"], told["gold"]["state"]) == ("protected", "STOPPED")
     assert zonectl.zones("status", "red") == {"red": told["red"]}
     assert int(zonectl.run("pid", "blue").stdout) == managed.init_pid("blue")
     assert "no isolation zone" in zonectl.run("pid", "red", status=FAILED).stderr
+
+
+def test_of_a_protection_zone_the_processes_tell(managed, zonectl):
+    managed.start("gold")
+    assert zonectl.zones("status", "gold")["gold"] == {
+        "name": "gold",
+        "kind": "protection",
+        "access": "protected",
+        "state": "RUNNING",
+        "init_pid": managed.init_pid("gold"),
+        "automatic": False,
+        "source": "proc",
+        "note": "protected, from /proc",
+    }
+    row = zonectl.run("status", "gold").stdout.splitlines()[1]
+    assert row.split()[:3] == ["gold", "protection", "RUNNING?"] and row.endswith("  protected, from /proc")
+
+
+def test_what_has_changed_since_the_daemon_began(managed, zonectl, root):
+    """A container that it does not have as a zone, and a zone without a container."""
+    managed.define("late", "hybrid")
+    root.remove("/var/lib/lxc/green/config")
+    told = zonectl.zones("status", "late", "green")
+    assert (told["late"]["access"], told["late"]["source"]) == ("refused", "daemon")
+    assert "since it began (restart the daemon), or refused ('zonectl doctor' tells)" in told["late"]["note"]
+    assert told["late"]["note"] in zonectl.run("start", "late", status=FAILED).stderr
+    assert (told["green"]["state"], told["green"]["note"]) == (
+        "STOPPED",
+        "no container of that name is defined any more",
+    )
+    assert told["green"]["note"] in zonectl.run("start", "green", status=FAILED).stderr
 
 
 def test_a_silent_monitor_spoils_neither_the_answer_nor_the_daemon(managed, silence, zonectl, bus, daemon):
@@ -123,7 +154,7 @@ def test_a_silent_monitor_spoils_neither_the_answer_nor_the_daemon(managed, sile
         "note": "monitor silent, from /proc",
     }
     assert {name: told[name]["source"] for name in ("gold", "green", "red")} == {
-        "gold": "daemon",
+        "gold": "proc",
         "green": "daemon",
         "red": "daemon",
     }

@@ -1,10 +1,10 @@
 """Stands in for the zone manager on the bus whose address is the only argument.
 
 Zones: "nav" is stopped and starts when asked to, "media" runs, "icy" is frozen, "stuck" takes every request
-and does nothing, "brief" stops as soon as it runs, "weak" does not survive its start, "guard" is refused
-as a protection zone is, "mute" is never answered about, "fickle" once, "odd" is answered in a wrong form,
-"angry" raises an error. The method ZoneLock emits a malformed state signal and then a sound one; of "mute"
-the sound one alone.
+and does nothing, "brief" stops as soon as it runs, "weak" does not survive its start, "gone" has no container
+any more, "guard" is refused as a protection zone is, "mute" is never answered about, "fickle" once, "odd" is
+answered in a wrong form, "angry" raises an error. The method ZoneLock emits a malformed state signal and then
+a sound one; of "mute" the sound one alone.
 """
 
 import sys
@@ -41,7 +41,7 @@ class Service:
         self.connection = connection
         self.answered = set()  # zones that are not answered about any more
         self.states = {"nav": STOPPED, "media": RUNNING, "icy": FROZEN, "stuck": STOPPED, "brief": STOPPED,
-                       "fickle": RUNNING, "weak": STOPPED}
+                       "fickle": RUNNING, "gone": STOPPED, "weak": STOPPED}
 
     def emit(self, *texts):
         self.connection.emit_signal(None, PATH, INTERFACE, "ZoneStateChangedSignal",
@@ -65,7 +65,7 @@ class Service:
 
     def answer(self, method, zone):
         if method == "GetZoneList":
-            return GLib.Variant("(as)", (["guard", "icy", "media", "nav"],))
+            return GLib.Variant("(as)", (["brief", "guard", "icy", "media", "nav", "stuck", "weak"],))
         if method == "GetVersion":
             return GLib.Variant("(s)", ("4.0.28/4.0.12" if zone in self.states else "none",))
         if method == "ZoneGetState":

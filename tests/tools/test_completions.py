@@ -124,7 +124,8 @@ def test_a_word_that_can_only_be_one_is_written_out(terminal):
 
 def test_all_that_a_word_may_be_is_offered(terminal):
     assert terminal.offered("zonectl sta") == ["start", "status"]
-    assert terminal.offered("zonectl --json status ") == ["guard", "icy", "media", "nav"]
+    assert terminal.offered("zonectl --json status ") == ["brief", "guard", "icy", "media", "nav",
+                                                             "stuck", "weak"]
 
 
 def test_an_option_and_its_value_are_completed(terminal):

@@ -79,8 +79,9 @@ def test_without_a_terminal_one_table_is_printed(zonectl):
     rows = rows_of(result.stdout)
     none = ["-", "-", "-", "-"]
     assert rows.pop("*") is not None
-    assert rows == {"guard": ["STOPPED*", *none], "icy": ["FROZEN", *none], "media": ["RUNNING", *none],
-                    "nav": ["STOPPED", *none]}
+    assert rows == {"brief": ["STOPPED", *none], "guard": ["STOPPED*", *none], "icy": ["FROZEN", *none],
+                    "media": ["RUNNING", *none], "nav": ["STOPPED", *none], "stuck": ["STOPPED", *none],
+                    "weak": ["STOPPED", *none]}
 
 
 def test_only_the_named_zones_are_shown(zonectl):

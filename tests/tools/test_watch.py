@@ -19,7 +19,8 @@ from bus_fixtures import refused
 
 TIME = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}[+-]\d\d:\d\d"
 CLONE_NEWNET = 0x40000000
-PRESENT = {"guard": None, "icy": "FROZEN", "media": "RUNNING", "nav": "STOPPED"}
+PRESENT = {"brief": "STOPPED", "guard": None, "icy": "FROZEN", "media": "RUNNING", "nav": "STOPPED",
+           "stuck": "STOPPED", "weak": "STOPPED"}
 
 
 class Watch:
@@ -122,8 +123,9 @@ def test_wrong_usage(arguments):
 def test_the_present_states_come_first_and_then_each_change(watch, zonectl):
     seen = watch()
     present = sorted(re.fullmatch(f"{TIME}  (.*)\n", seen.line())[1] for _ in PRESENT)
-    assert present == ["guard  unknown (refused)", "icy  FROZEN (present)", "media  RUNNING (present)",
-                       "nav  STOPPED (present)"]
+    assert present == ["brief  STOPPED (present)", "guard  unknown (refused)", "icy  FROZEN (present)",
+                       "media  RUNNING (present)", "nav  STOPPED (present)", "stuck  STOPPED (present)",
+                       "weak  STOPPED (present)"]
     zonectl("start", "--wait", "nav")
     assert re.fullmatch(f"{TIME}  nav  STARTING\n", seen.line())
     assert re.fullmatch(f"{TIME}  nav  RUNNING\n", seen.line())
@@ -407,8 +409,8 @@ def test_a_recording_has_all_that_was_seen(watch, zonectl, tmp_path):
     header, events = recorded(path)
     assert (header["format"], header["version"], header["source"]) == ("zonectl-recording", 1, "signal")
     assert header["host"] and header["boot_id"] and abs(header["wall_microseconds"] / 1e6 - time.time()) < 60
-    assert {event["name"]: event["state"] for event in events[:4]} == PRESENT
-    assert [event["state"] for event in events[4:]] == ["STARTING", "RUNNING"]
+    assert {event["name"]: event["state"] for event in events[:len(PRESENT)]} == PRESENT
+    assert [event["state"] for event in events[len(PRESENT):]] == ["STARTING", "RUNNING"]
     assert seen.end() == (0, [], "")
     times = [header["at"], *(event["at"] for event in recorded(path)[1])]
     assert times == sorted(times)

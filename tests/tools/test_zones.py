@@ -9,7 +9,7 @@ import subprocess
 import bus_fixtures
 import pytest
 
-KNOWN = "guard, icy, media, nav"
+KNOWN = "brief, guard, icy, media, nav, stuck, weak"
 
 
 def complains(result, status, text):
@@ -29,15 +29,18 @@ def test_list(zonectl):
     assert (result.returncode, result.stderr) == (0, "")
     rows = [line.split() for line in result.stdout.splitlines()]
     assert rows == [["NAME", "KIND", "STATE", "INIT", "PID", "AUTO"],
+                    ["brief", "-", "STOPPED", "-", "-"],
                     ["guard", "-", "protected/refused", "-", "-"],
                     ["icy", "-", "FROZEN", "-", "-"],
                     ["media", "-", "RUNNING", "4242", "-"],
-                    ["nav", "-", "STOPPED", "-", "-"]]
+                    ["nav", "-", "STOPPED", "-", "-"],
+                    ["stuck", "-", "STOPPED", "-", "-"],
+                    ["weak", "-", "STOPPED", "-", "-"]]
 
 
 def test_list_as_json(zonectl):
     zones = {zone["name"]: zone for zone in json.loads(zonectl("--json", "list").stdout)}
-    assert list(zones) == ["guard", "icy", "media", "nav"]
+    assert list(zones) == KNOWN.split(", ")
     assert zones["media"] == {"name": "media", "kind": None, "access": "granted", "state": "RUNNING",
                               "init_pid": 4242, "automatic": None, "source": "daemon", "note": None}
     assert zones["guard"] == {"name": "guard", "kind": None, "access": "protected/refused", "state": None,
@@ -57,8 +60,14 @@ def test_status_of_a_name_that_nobody_has(zonectl):
     assert "media" in result.stdout and "nosuch" not in result.stdout
 
 
-def test_status_of_a_zone_whose_container_was_removed(zonectl):
-    assert report_of(zonectl("status", "brief", "--json"))["state"] == "STOPPED"
+def test_a_zone_whose_container_was_removed(zonectl):
+    gone = report_of(zonectl("status", "gone", "--json"))
+    assert (gone["state"], gone["source"]) == ("STOPPED", "daemon")
+    assert gone["note"] == "no container of that name is defined any more"
+    result = zonectl("start", "gone")
+    assert complains(result, 1, "gone: it was not asked to start: no container of that name is defined any")
+    assert report_of(zonectl("start", "--json", "gone"))["queued"] is False
+    assert zonectl("stop", "gone").returncode == 0, "one that runs still can be stopped"
 
 
 def test_a_daemon_that_does_not_answer(zonectl):

@@ -41,7 +41,8 @@ void printJson(const std::vector<ZoneView>& views)
         json.beginObject().name("name").text(view.name).name("kind");
         view.kind == ZUP::ZONE_TYPE_NONE ? json.null() : json.text(kindWord(view.kind));
         json.name("access");
-        view.fromProc ? json.null() : json.text(view.refused ? refusalWord(view) : "granted");
+        view.fromProc && !view.refused ? json.null()
+                                       : json.text(view.refused ? refusalWord(view) : "granted");
         json.name("state").textOrNull(view.state).name("init_pid");
         hasInit(view) ? json.number(view.initPid) : json.null();
         json.name("automatic");
@@ -56,7 +57,7 @@ void printJson(const std::vector<ZoneView>& views)
 /// A state that is not the daemon's word has a question mark.
 [[nodiscard]] Cell stateCell(const ZoneView& view)
 {
-    if (view.refused) {
+    if (view.refused && !view.fromProc) {
         return {refusalWord(view), Tone::Muted};
     }
     const std::string word = view.state.value_or("");

@@ -38,7 +38,7 @@ std::string whyRefused(const BusClient& client, const std::string& zone)
     case ZUP::ZONE_TYPE_HYBRID:
         break;
     }
-    return "the daemon did not take the container as a zone ('zonectl doctor' tells), or is not ready yet";
+    return std::string(NOT_TAKEN) + ", or not ready yet";
 }
 
 } // namespace Zonectl

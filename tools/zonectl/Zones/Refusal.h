@@ -7,6 +7,13 @@
 
 namespace Zonectl {
 
+/// What is said of a defined container, of a kind that the bus serves, that the daemon refuses.
+inline constexpr const char* NOT_TAKEN =
+    "the daemon does not have it: defined or corrected since it began (restart the daemon), "
+    "or refused ('zonectl doctor' tells)";
+/// What is said of a zone that outlives its container's definition.
+inline constexpr const char* NO_CONTAINER = "no container of that name is defined any more";
+
 /// Names in one line, "a, b, c"; "none" without any.
 [[nodiscard]] std::string nameList(const std::vector<std::string>& names);
 

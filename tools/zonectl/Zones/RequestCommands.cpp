@@ -54,6 +54,10 @@ public:
             if (!one.open() && !one.done()) {
                 return;
             }
+            if (cannotStart(one)) {
+                one.fail(EXIT_FAILED, std::string("it was not asked to start: ") + NO_CONTAINER);
+                return;
+            }
             if (!client.request(methodOf(one.errand()), one.name())) {
                 one.fail(EXIT_FAILED, "the " + std::string(errandWord(one.errand())) +
                                           " was refused: " + whyRefused(client, one.name()));
@@ -139,6 +143,17 @@ private:
                 unreachable = failure.status() == EXIT_UNREACHABLE ? &one : nullptr;
             }
         }
+    }
+
+    /// A zone outlives its container's definition, but comes up no more. It may run still: so only one that
+    /// was seen not to run is meant.
+    [[nodiscard]] bool cannotStart(const Pursuit& one) const
+    {
+        if (one.errand() != Errand::Start || !one.open() || one.lastState().empty()) {
+            return false;
+        }
+        const std::vector<std::string> known = client.zoneNames();
+        return std::find(known.begin(), known.end(), one.name()) == known.end();
     }
 
     /// The state as it is, as far as the daemon may be asked; REFUSED when it does not speak about the zone.

@@ -7,6 +7,7 @@
 #include "Device/Machine.h"
 #include "Device/MonitorProbe.h"
 #include "Device/ZoneLife.h"
+#include "Zones/Refusal.h"
 
 #include <algorithm>
 #include <utility>
@@ -55,6 +56,7 @@ public:
         }
         completeFromProc();
         dropUnknown();
+        explainTheRest();
         return std::move(result);
     }
 
@@ -145,21 +147,27 @@ private:
                          [&view](std::optional<int> pid) { view.initPid = pid.value_or(0); });
     }
 
+    /// The daemon tells nothing of a protection zone, whose processes can be seen all the same.
+    [[nodiscard]] static bool isLeftToProc(const ZoneView& view)
+    {
+        return !view.state && (!view.refused || view.kind == ZUP::ZONE_TYPE_PROTECTION);
+    }
+
     void completeFromProc()
     {
-        const bool needed = result.trouble || std::any_of(result.zones.begin(), result.zones.end(),
-                                                          [](const ZoneView& view) { return view.fromProc; });
-        if (!needed) {
+        if (std::none_of(result.zones.begin(), result.zones.end(), isLeftToProc)) {
             return;
         }
         const LifeTable lives(machine, lxcPath);
         for (ZoneView& view : result.zones) {
-            if (view.state || view.refused) {
+            if (!isLeftToProc(view)) {
                 continue;
             }
             const ZoneLife life = lives.of(view.name);
             view.fromProc = true;
-            view.note = view.note.empty() ? "from /proc" : view.note;
+            if (view.note.empty()) {
+                view.note = view.refused ? "protected, from /proc" : "from /proc";
+            }
             view.state = life.state.empty() ? std::nullopt : std::optional(life.state);
             view.initPid = life.initPid;
         }
@@ -175,6 +183,20 @@ private:
             }
             return unknown;
         });
+    }
+
+    void explainTheRest()
+    {
+        for (ZoneView& view : result.zones) {
+            if (!view.note.empty()) {
+                continue;
+            }
+            if (!contains(result.known, view.name)) {
+                view.note = NO_CONTAINER;
+            } else if (view.refused && view.kind != ZUP::ZONE_TYPE_NONE) {
+                view.note = NOT_TAKEN;
+            }
+        }
     }
 
     const Machine machine{""};

@@ -19,8 +19,8 @@ struct ZoneView
     std::optional<std::string> state{};       ///< its word; nothing when it is refused or not known
     int initPid = 0;                          ///< below 1 for none
     bool refused = false;                     ///< the daemon does not speak about it
-    bool fromProc = false;                    ///< the daemon was not asked, or did not answer
-    std::string note{};                       ///< why it is from /proc
+    bool fromProc = false;                    ///< the daemon was not asked, or did not tell
+    std::string note{};                       ///< why that is so
 };
 
 /// What was asked for, as far as it was found.
