@@ -1,6 +1,7 @@
 """What `zonectl explain` makes of the log that the daemon has just written."""
 
 import json
+import re
 import subprocess
 
 import pytest
@@ -146,6 +147,28 @@ def test_a_restart_loop(fake, daemon, explain):
         "automatic",
         "failed-start",
     }
+
+
+def test_a_daemon_that_is_not_in_the_journal_logs_elsewhere(fake, root, daemon):
+    fake.define("alpha", "hybrid")
+    daemon.start(wait=PROGRAM_READY)
+    result = root.run([BUILD / "bin" / "zonectl", "explain"], check=False, timeout=30)
+    assert result.returncode == 1
+    assert re.search(r": .*zone-manager \d+ runs and so logs elsewhere", result.stderr)
+    assert "ZONE_LOG_TARGET" in result.stderr and "--file FILE" in result.stderr
+
+
+def test_refused_questions_are_told_in_one_line(fake, bus, daemon, explain):
+    fake.define("gold", "protection")
+    daemon.start(wait=PROGRAM_READY)
+    bus.wait_owned()
+    for method in ("ZoneGetState", "ZoneGetInitPid", "ZoneGetState"):
+        assert bus.call(method, "gold") == -1
+    assert bus.call("ZoneStop", "gold") is False
+    result = explain("gold")
+    assert result.stdout.count("a question over D-Bus is refused") == 1
+    assert " (3 times, the last at 2026-01-02 " in result.stdout
+    assert result.stdout.count("a request over D-Bus is refused") == 1
 
 
 def test_the_last_of_two_runs_is_told(fake, daemon, explain):

@@ -1,5 +1,6 @@
 #include "Explain/LogStory.h"
 #include "Explain/StoryFindings.h"
+#include "Explain/StoryLines.h"
 
 #include <fstream>
 #include <gmock/gmock.h>
@@ -183,6 +184,36 @@ TEST(Story, ARequestOverTheBusIsTheSenders)
     EXPECT_EQ(red(log).events.back().took, LOG_SECOND * 4 / 10);
 }
 
+TEST(Story, RefusedQuestionsAreToldOnceAndRequestsEach)
+{
+    Log log;
+    const std::string call = "sender : :1.42 / object path : /o / interface name : i / method name : ";
+    const std::string refusal =
+        "[DBus] There is no access permission to protection zone(\"gold\") - Operation is not permitted";
+    log.start();
+    for (const char* method : {"ZoneGetState", "ZoneStart", "ZoneGetInitPid", "GetVersion", "ZoneStart"}) {
+        log.add(DAEMON, "callVTable", call + method).add(DAEMON, "callVTable", refusal, 'E');
+    }
+    const auto& events = log.log.told().zones.at("gold").events;
+    EXPECT_THAT(texts(events), ElementsAre("a question over D-Bus is refused: " + refusal,
+                                           "a request over D-Bus is refused: " + refusal,
+                                           "a request over D-Bus is refused: " + refusal));
+    EXPECT_EQ(events[0].times, 3U);
+    EXPECT_EQ(events[0].time, LOG_SECOND * 2 / 10);
+    EXPECT_EQ(events[0].lastTime, LOG_SECOND * 8 / 10);
+    EXPECT_FALSE(events[0].bad) << "whoever lists the zones does it";
+    EXPECT_TRUE(events[1].bad);
+}
+
+TEST(Story, AnExitStatusOfZeroMayBeASignals)
+{
+    Log log;
+    log.start().takeRed().startAutomatically().beginStart().die(0).restart();
+    const std::string doubtful = "status 0, which LXC reports after a signal too";
+    EXPECT_EQ(red(log).events[3].text, "its init process ends with " + doubtful);
+    EXPECT_EQ(red(log).events.back().text, "start is asked for again, since it ended with " + doubtful);
+}
+
 TEST(Story, ADeathIsFollowedByARestart)
 {
     Log log;
@@ -230,6 +261,60 @@ TEST(Story, TheThreadMayTellOfARequestBeforeTheSenderDoes)
     EXPECT_EQ(red(log).events[1].text, "start begins");
     EXPECT_FALSE(red(log).events[1].took);
     EXPECT_EQ(red(log).events.back().took, LOG_SECOND / 10) << "since its own request, not the first";
+}
+
+TEST(StoryLines, LikeRoundsAreSummedUpAfterTheFirstTwo)
+{
+    Log log;
+    log.start().takeRed().startAutomatically().beginStart().failStart();
+    for (int count = 0; count < 5; ++count) {
+        log.restart().beginStart().failStart();
+    }
+    const auto shown = log.log.told().zones.at("red").events.size() - 9;
+    log.restart();
+    const auto& events = red(log).events;
+    const auto lines = linesOf(events);
+    ASSERT_EQ(lines.size(), shown + 2) << "and the sum, and what has come after it";
+    EXPECT_EQ(lines[shown - 1].rounds, 0U);
+    EXPECT_EQ(lines[shown].rounds, 3U);
+    EXPECT_EQ(lines[shown].first, &events[shown]);
+    EXPECT_EQ(lines[shown].last, &events[events.size() - 2]);
+    EXPECT_EQ(lines[shown + 1].first, &events.back());
+}
+
+TEST(StoryLines, RoundsAreAlikeWithOtherProcessesAndInAnotherOrder)
+{
+    Log log;
+    log.start().takeRed();
+    for (int pid = 50; pid < 53; ++pid) {
+        const std::string init = "The init pid(" + std::to_string(pid) + ") of zone(red) is set";
+        log.restart().beginStart();
+        if (pid % 2 == 0) {
+            log.state("RUNNING").add(RED, "setZoneWatcherTimer", init + ON_RED);
+        } else {
+            log.add(RED, "setZoneWatcherTimer", init + ON_RED).state("RUNNING");
+        }
+    }
+    EXPECT_EQ(linesOf(red(log).events).back().rounds, 1U);
+}
+
+TEST(StoryLines, RoundsThatDifferAreEachShown)
+{
+    Log log;
+    log.start().takeRed();
+    for (int count = 0; count < 8; ++count) {
+        log.restart().beginStart().state(count % 4 == 0 ? "ABORTING" : "RUNNING");
+    }
+    const auto lines = linesOf(red(log).events);
+    EXPECT_EQ(
+        std::count_if(lines.begin(), lines.end(), [](const StoryLine& line) { return line.rounds == 1; }), 2)
+        << "one in each row of three";
+    EXPECT_EQ(lines.size(), red(log).events.size() - 4) << "three lines have become one, twice";
+}
+
+TEST(StoryLines, WithoutEventsThereAreNone)
+{
+    EXPECT_TRUE(linesOf({}).empty());
 }
 
 TEST(RestartLoop, NeedsThreeRestartsEachSoonAfterTheOther)

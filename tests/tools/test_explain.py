@@ -139,6 +139,26 @@ def test_the_story_of_a_life():
     assert "\nnav:" not in result.stdout and "earlier events" not in result.stdout
 
 
+def test_what_happens_again_and_again_is_summed_up(tmp_path):
+    lines = LIFE.read_text().splitlines(keepends=True)
+    restart = max(number for number, line in enumerate(lines) if "receive the event - ZONE RESTART" in line)
+    other = tmp_path / "log"
+    other.write_text("".join(lines + 6 * lines[restart:]))
+    story = explain("--file", str(other), "media").stdout.split("\n\nmedia: ")[1].splitlines()
+    assert re.fullmatch(r"  \.\.\. the same 5 times more until [-0-9]{10} [:0-9.]{12}", story[-1])
+    assert sum("start is asked for again" in line for line in story) == 2
+    events = zone_of(report_of(other, "media"), "media")["events"]
+    assert sum(event["event"] == "start-asked" for event in events) == 8, "programs are told of each"
+
+
+def test_that_a_log_has_no_times_is_said_once(tmp_path):
+    other = tmp_path / "log"
+    other.write_text(rewritten(LIFE, as_console))
+    said = "The log has no times, so that it does not tell when, nor how long\n"
+    assert explain("--file", str(other)).stdout.count(said) == 1
+    assert said not in explain("--file", str(LIFE)).stdout
+
+
 def test_the_last_run_is_told_and_the_others_are_counted():
     report = report_of(LIFE)
     assert report["earlier_runs"] == 1

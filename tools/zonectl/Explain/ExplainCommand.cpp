@@ -1,6 +1,7 @@
 #include "Commands.h"
 #include "Explain/LogSource.h"
 #include "Explain/StoryFindings.h"
+#include "Explain/StoryLines.h"
 #include "Explain/StoryTime.h"
 #include "Output/Json.h"
 
@@ -72,27 +73,49 @@ struct Reading
     for (std::size_t index = first; index < statuses.size(); ++index) {
         text += (text.empty() ? "" : ", ") + std::to_string(statuses[index]);
     }
-    return text;
+    const bool doubtful = std::find(statuses.begin(), statuses.end(), 0) != statuses.end();
+    return text + (doubtful ? " (0 also after a signal)" : "");
+}
+
+void printEvent(const Event& event, const Style& style)
+{
+    std::cout << "  ";
+    if (event.time) {
+        std::cout << style.paint(Tone::Muted, timeText(*event.time)) << "  ";
+    }
+    const Tone tone = event.bad ? Tone::Bad : event.word == "state" ? stateTone(event.text) : Tone::Plain;
+    std::cout << style.paint(tone, printable(event.text));
+    if (event.took) {
+        std::cout << " (after " << durationText(*event.took) << ")";
+    }
+    if (event.times > 1) {
+        std::cout << " (" << timesText(event.times)
+                  << (event.lastTime ? ", the last at " + timeText(*event.lastTime) : "") << ")";
+    }
+    std::cout << "\n";
+}
+
+void printRepetition(const StoryLine& line, const Style& style)
+{
+    const std::string until = line.last->time ? " until " + timeText(*line.last->time) : "";
+    std::cout << "  " << style.paint(Tone::Muted, "... the same " + timesText(line.rounds) + " more" + until)
+              << "\n";
 }
 
 void printEvents(const std::vector<Event>& events, std::size_t most, const Style& style)
 {
-    const std::size_t first = events.size() > most ? events.size() - most : 0;
+    const std::vector<StoryLine> lines = linesOf(events);
+    const std::size_t first = lines.size() > most ? lines.size() - most : 0;
     if (first > 0) {
-        std::cout << "  (" << first << " earlier events: name the zone to see them)\n";
+        std::cout << "  (" << lines[first].first - events.data()
+                  << " earlier events: name the zone to see them)\n";
     }
-    for (std::size_t index = first; index < events.size(); ++index) {
-        const Event& event = events[index];
-        std::cout << "  ";
-        if (event.time) {
-            std::cout << style.paint(Tone::Muted, timeText(*event.time)) << "  ";
+    for (std::size_t index = first; index < lines.size(); ++index) {
+        if (lines[index].rounds > 0) {
+            printRepetition(lines[index], style);
+        } else {
+            printEvent(*lines[index].first, style);
         }
-        const Tone tone = event.bad ? Tone::Bad : event.word == "state" ? stateTone(event.text) : Tone::Plain;
-        std::cout << style.paint(tone, printable(event.text));
-        if (event.took) {
-            std::cout << " (after " << durationText(*event.took) << ")";
-        }
-        std::cout << "\n";
     }
 }
 
@@ -142,6 +165,9 @@ void printRun(const Reading& reading, const Style& style)
     std::cout << (story.terminated ? ", which has ended" : "")
               << "; earlier runs in the log: " << reading.log.earlierRuns()
               << ", lines skipped: " << reading.skipped << "\n";
+    if (!story.begin) {
+        std::cout << "The log has no times, so that it does not tell when, nor how long\n";
+    }
     printEvents(story.events, SHOWN_EVENTS, style);
 }
 
@@ -177,6 +203,7 @@ void writeEvents(JsonWriter& json, const std::vector<Event>& events)
         json.name("event").text(event.word);
         json.name("text").text(event.text);
         writeTextOrNull(json, "cause", causeWord(event.cause));
+        json.name("times").number(static_cast<std::int64_t>(event.times));
         json.name("microseconds");
         event.took ? json.number(*event.took) : json.null();
         json.endObject();

@@ -2,6 +2,9 @@
 
 #include "CommandLine/Failure.h"
 #include "Common/Handles.h"
+#include "Daemon/Names.h"
+#include "Device/Holders.h"
+#include "Device/Machine.h"
 
 #include <array>
 #include <cerrno>
@@ -72,6 +75,18 @@ void readLines(int fd, Clock::time_point end, const LineTaker& take)
     if (!pending.empty()) {
         take(pending);
     }
+}
+
+/// A daemon that runs and is not in the journal writes elsewhere.
+[[nodiscard]] std::string hintAtOtherLogs()
+{
+    const auto holder = lockHolder(Machine{""}, Names::INSTANCE_LOCK);
+    if (!holder) {
+        return USE_A_FILE;
+    }
+    return "; " + holder->description() +
+           " runs and so logs elsewhere, where ZONE_LOG_TARGET in its environment says: read that with "
+           "--file FILE";
 }
 
 /// `journalctl`, which ends with this object at the latest.
@@ -152,7 +167,7 @@ void readJournal(std::chrono::seconds limit, const LineTaker& take)
     });
     if (!anything) {
         throw Failure(EXIT_FAILED, "the journal has nothing of the zone manager" +
-                                       (complaint.empty() ? "" : ": " + complaint) + USE_A_FILE);
+                                       (complaint.empty() ? "" : ": " + complaint) + hintAtOtherLogs());
     }
 }
 

@@ -35,6 +35,12 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 5> REQUESTS 
 
 } // namespace
 
+std::string exitStatusText(int status)
+{
+    return status == 0 ? "status 0, which LXC reports after a signal too"
+                       : "exit status " + std::to_string(status);
+}
+
 std::string_view causeWord(Cause cause)
 {
     constexpr std::array<std::string_view, 6> WORDS = {"",      "automatic",    "bus",
@@ -203,6 +209,7 @@ void Storyteller::onAutomaticLook(const Values&)
 void Storyteller::onBusSender(const Values& values)
 {
     senders[now->tid] = values[0];
+    methods[now->tid] = values[3];
 }
 
 void Storyteller::onBusRequest(const Values&)
@@ -212,8 +219,27 @@ void Storyteller::onBusRequest(const Values&)
 
 void Storyteller::onBusRefused(const Values& values)
 {
-    tellTrouble(zone(values[0]), "bus-refused", "a request over D-Bus is refused: " + now->message).cause =
-        Cause::Bus;
+    const std::string method = std::exchange(methods[now->tid], {});
+    if (method.starts_with("ZoneGet") || method == "GetVersion") {
+        onQuestionRefused(zone(values[0]));
+    } else {
+        tellTrouble(zone(values[0]), "bus-refused", "a request over D-Bus is refused: " + now->message)
+            .cause = Cause::Bus;
+    }
+}
+
+/// Whoever lists the zones asks about the protected ones too: that is no trouble, and told once.
+void Storyteller::onQuestionRefused(ZoneStory& asked)
+{
+    constexpr std::string_view WORD = "question-refused";
+    const auto before = std::find_if(asked.events.begin(), asked.events.end(),
+                                     [WORD](const Event& event) { return event.word == WORD; });
+    if (before == asked.events.end()) {
+        tell(asked, WORD, "a question over D-Bus is refused: " + now->message).cause = Cause::Bus;
+    } else {
+        ++before->times;
+        before->lastTime = now->time;
+    }
 }
 
 void Storyteller::onRestartRequest(const Values&)
@@ -255,9 +281,8 @@ void Storyteller::asked(const std::string& name, std::string_view request)
         break;
     case Cause::Death:
         cause = causeOfRestart(name);
-        by = cause == Cause::FailedStart
-                 ? " again, since the last one failed"
-                 : " again, since it ended with exit status " + std::to_string(state.exitStatus);
+        by = cause == Cause::FailedStart ? " again, since the last one failed"
+                                         : " again, since it ended with " + exitStatusText(state.exitStatus);
         addRestart(wanted, cause);
         break;
     default:
@@ -362,8 +387,9 @@ void Storyteller::onState(const Values& values)
 
 void Storyteller::onExit(const Values& values)
 {
-    progress[values[2]].exitStatus = toNumber(values[3]);
-    tell(zone(values[2]), "exited", "its init process ends with exit status " + values[3]);
+    const int status = toNumber(values[3]);
+    progress[values[2]].exitStatus = status;
+    tell(zone(values[2]), "exited", "its init process ends with " + exitStatusText(status));
 }
 
 void Storyteller::onRestartFlag(const Values& values)

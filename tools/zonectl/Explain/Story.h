@@ -16,6 +16,10 @@ constexpr std::size_t LOOP_RESTARTS = 3;
 /// each time within this time of the restart before, is in a restart loop.
 constexpr LogTime LOOP_PAUSE = 60 * LOG_SECOND;
 
+/// An exit status as the log has it, in words. LXC's number is 0 also for what a signal ended, and nothing
+/// else in the log tells the two apart.
+[[nodiscard]] std::string exitStatusText(int status);
+
 /// On whose account something is done with a zone.
 enum class Cause
 {
@@ -39,6 +43,8 @@ struct Event
     Cause cause = Cause::None;
     std::optional<LogTime> took{}; ///< how long the step took
     bool bad = false;
+    std::size_t times = 1;             ///< how often the same was said, where only that is of interest
+    std::optional<LogTime> lastTime{}; ///< when it was said last, if more than once
 };
 
 struct Restart
@@ -192,6 +198,7 @@ private:
     void onWatcherFailed(const Values&);
     void onTerminated(const Values&);
 
+    void onQuestionRefused(ZoneStory& asked);
     ZoneStory& zone(const std::string& name);
     Event& tell(ZoneStory& zone, std::string_view word, std::string text);
     Event& tellTrouble(ZoneStory& zone, std::string_view word, std::string text);
@@ -205,6 +212,7 @@ private:
     std::map<std::string, Progress> progress;
     std::map<int, Cause> causes;         ///< by thread: on whose account it sends the next event
     std::map<int, std::string> senders;  ///< by thread: whose bus call it carries out
+    std::map<int, std::string> methods;  ///< by thread: which method that call is of
     std::vector<std::string> objections; ///< warnings and errors since the last container was judged
     std::optional<int> judge;            ///< the thread that judges containers
 };

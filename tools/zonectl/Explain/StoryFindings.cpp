@@ -68,11 +68,6 @@ constexpr std::string_view LOOK_CLOSER = "let 'zonectl doctor' look at it, then 
     return text;
 }
 
-[[nodiscard]] std::string timesText(std::size_t count)
-{
-    return count == 1 ? "once" : std::to_string(count) + " times";
-}
-
 [[nodiscard]] std::string tryTheLauncher(const ZoneStory& zone)
 {
     return "see what the launcher says: " + std::string(Names::LAUNCHER) + " start " + zone.name;

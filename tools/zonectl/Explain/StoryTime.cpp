@@ -49,4 +49,9 @@ std::string durationText(LogTime duration)
     return std::to_string(duration / LOG_SECOND) + thousandths(duration / MILLISECOND) + " s";
 }
 
+std::string timesText(std::size_t count)
+{
+    return count == 1 ? "once" : std::to_string(count) + " times";
+}
+
 } // namespace Zonectl

@@ -15,4 +15,7 @@ namespace Zonectl {
 /// "0.250 s"
 [[nodiscard]] std::string durationText(LogTime duration);
 
+/// How often: "once", "12 times".
+[[nodiscard]] std::string timesText(std::size_t count);
+
 } // namespace Zonectl
