@@ -104,7 +104,9 @@ def test_what_is_told_of_each_zone(managed, zonectl):
     assert (told["gold"]["access"], told["gold"]["state"]) == ("protected", "STOPPED")
     assert zonectl.zones("status", "red") == {"red": told["red"]}
     assert int(zonectl.run("pid", "blue").stdout) == managed.init_pid("blue")
-    assert "no isolation zone" in zonectl.run("pid", "red", status=FAILED).stderr
+    assert "'red' is no isolation zone" in zonectl.run("pid", "red", status=FAILED).stderr
+    nobody = zonectl.run("pid", "nobody", status=FAILED).stderr
+    assert "no container is called 'nobody' (there are: blue, gold, green, red)" in nobody
 
 
 def test_of_a_protection_zone_the_processes_tell(managed, zonectl):
@@ -125,12 +127,13 @@ def test_of_a_protection_zone_the_processes_tell(managed, zonectl):
 
 def test_what_has_changed_since_the_daemon_began(managed, zonectl, root):
     """A container that it does not have as a zone, and a zone without a container."""
-    managed.define("late", "hybrid")
+    managed.define("late", "isolation")
     root.remove("/var/lib/lxc/green/config")
     told = zonectl.zones("status", "late", "green")
     assert (told["late"]["access"], told["late"]["source"]) == ("refused", "daemon")
     assert "since it began (restart the daemon), or refused ('zonectl doctor' tells)" in told["late"]["note"]
     assert told["late"]["note"] in zonectl.run("start", "late", status=FAILED).stderr
+    assert told["late"]["note"] in zonectl.run("pid", "late", status=FAILED).stderr
     assert (told["green"]["state"], told["green"]["note"]) == (
         "STOPPED",
         "no container of that name is defined any more",

@@ -1,7 +1,11 @@
 #include "Commands.h"
 #include "Daemon/InitPidSocket.h"
+#include "Device/Containers.h"
+#include "Device/Machine.h"
 #include "Output/Json.h"
+#include "Zones/Refusal.h"
 
+#include <algorithm>
 #include <iostream>
 
 namespace Zonectl {
@@ -10,6 +14,23 @@ namespace {
 
 /// The server answers at once, unless somebody holds it up.
 constexpr std::chrono::seconds PATIENCE(5);
+
+/// The socket has one answer for all that is no isolation zone of the daemon's.
+[[nodiscard]] std::string whyNoPid(const std::string& zone)
+{
+    const Machine machine{""};
+    const std::string lxcPath = configuredLxcPath(machine);
+    const std::vector<std::string> known = configuredNames(machine, lxcPath);
+    const bool readable = !known.empty(); // for those who are not root it may not be
+    if (readable && std::find(known.begin(), known.end(), zone) == known.end()) {
+        return "no container is called '" + zone + "' (there are: " + nameList(known) + ")";
+    }
+    if (readContainer(machine, lxcPath, zone).kind == ZUP::ZONE_TYPE_ISOLATION) {
+        return "zone '" + zone + "': " + NOT_TAKEN;
+    }
+    return "'" + zone +
+           "' is no isolation zone: the socket answers for those only ('zonectl status' tells of all)";
+}
 
 } // namespace
 
@@ -22,8 +43,7 @@ ExitStatus pidCommand(const Options& options, const Style& /*style*/)
     }
     const long pid = askInitPid(zone, options.timeout.value_or(PATIENCE));
     if (pid == 0) {
-        throw Failure(EXIT_FAILED, "'" + zone + "' is no isolation zone: the socket answers for those only " +
-                                       "('zonectl status' tells of all)");
+        throw Failure(EXIT_FAILED, whyNoPid(zone));
     }
     if (pid < 0) {
         throw Failure(EXIT_FAILED, "zone '" + zone + "' has not run since the zone manager was started");
