@@ -170,6 +170,13 @@ def test_systemd_takes_the_unit(tmp_path):
     assert "zone-manager.service" not in result.stderr, result.stderr
 
 
+def test_the_unit_takes_the_state_messages_from_lxcs_own_monitor():
+    """Debian enables and starts it; while it reads the FIFO the daemon cannot start."""
+    lines = (PACKAGING / "systemd" / "zone-manager.service.in").read_text().splitlines()
+    assert "Conflicts=lxc-monitord.service" in lines
+    assert "Before=lxc-monitord.service lxc.service" in lines
+
+
 @pytest.mark.parametrize("page", MAN_PAGES, ids=lambda page: page.name)
 def test_man_pages_are_clean(page):
     result = subprocess.run(["mandoc", "-Tlint", "-Wwarning", page], capture_output=True, text=True,

@@ -30,7 +30,8 @@ constexpr std::array OTHER_UNITS = {
             "is enabled: it starts the same containers at boot, all at once, and stops them at its end",
             false},
     UnitRow{FindingIds::UNIT_MONITORD, "lxc-monitord.service",
-            "is enabled: whichever comes first takes the state messages; the daemon ends when it is second",
+            "is enabled: it takes the state messages when it comes first, and the daemon ends then; only "
+            "zone-manager.service ends it before",
             true},
 };
 
