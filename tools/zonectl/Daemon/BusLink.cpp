@@ -63,7 +63,7 @@ void BusLink::connectedCallback(GObject* /*source*/, GAsyncResult* result, gpoin
 {
     const std::unique_ptr<Ticket> ticket(static_cast<Ticket*>(data));
     ZoneCore::GErrorPtr error;
-    ZoneCore::GBusConnectionPtr connection(
+    ZoneCore::GBusConnectionPtr made(
         g_dbus_connection_new_for_address_finish(result, ZoneCore::OutError(error)));
     const auto alive = ticket->lock();
     if (!alive) {
@@ -75,7 +75,7 @@ void BusLink::connectedCallback(GObject* /*source*/, GAsyncResult* result, gpoin
         g_source_remove(link.timer);
         link.timer = 0;
     }
-    connection ? link.take(std::move(connection)) : link.fail(error->message);
+    made ? link.take(std::move(made)) : link.fail(error->message);
 }
 
 void BusLink::take(ZoneCore::GBusConnectionPtr connection)

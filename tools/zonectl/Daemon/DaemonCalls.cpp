@@ -37,17 +37,17 @@ void DaemonCalls::call(const char* method, GVariant* parameters, const char* rep
 
 void DaemonCalls::repliedCallback(GObject* source, GAsyncResult* result, gpointer data)
 {
-    const std::unique_ptr<Call> call(static_cast<Call*>(data));
+    const std::unique_ptr<Call> ended(static_cast<Call*>(data));
     ZoneCore::GErrorPtr error;
     const ZoneCore::GVariantPtr reply(
         g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, ZoneCore::OutError(error)));
-    if (call->alive.expired()) {
+    if (ended->alive.expired()) {
         return;
     }
     if (reply) {
-        call->taker(reply.get());
+        ended->taker(reply.get());
     } else {
-        call->onFailure({describeCallError(call->method, error.get()), isNoAnswer(error.get())});
+        ended->onFailure({describeCallError(ended->method, error.get()), isNoAnswer(error.get())});
     }
 }
 

@@ -155,9 +155,9 @@ void addBadVerdict(Examination& examination, const LabelRule& rule, LabelVerdict
 
 [[nodiscard]] LabelRule daemonRule(const std::string& path)
 {
-    for (LabelRule& rule : daemonRules()) {
+    for (const LabelRule& rule : daemonRules()) {
         if (rule.path == path) {
-            return std::move(rule);
+            return rule;
         }
     }
     return {};

@@ -51,8 +51,8 @@ private:
             outcome.problem = answer ? "" : "no answer in time";
             return outcome;
         }
-        for (const Repair& repair : finding.repairs) {
-            outcome.problem = carryOut(machine.rootDirectory(), repair);
+        for (const Repair& step : finding.repairs) {
+            outcome.problem = carryOut(machine.rootDirectory(), step);
             if (!outcome.problem.empty()) {
                 return outcome;
             }

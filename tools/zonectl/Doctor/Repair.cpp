@@ -266,12 +266,12 @@ void change(const Files& files, const Repair& repair)
 [[nodiscard]] std::string appendCommand(const std::string& path, const std::string& lines)
 {
     // That there is a backup already is no failure.
-    std::string command = "cp -np " + path + " " + path + BACKUP_SUFFIX + "; printf '\\n%s'";
+    std::string text = "cp -np " + path + " " + path + BACKUP_SUFFIX + "; printf '\\n%s'";
     std::istringstream each(lines);
     for (std::string line; std::getline(each, line);) {
-        command += " " + shellWord(line);
+        text += " " + shellWord(line);
     }
-    return command + " '' >>" + path;
+    return text + " '' >>" + path;
 }
 
 /// A text that stands for itself in sed's patterns and replacements, in which "|" is the delimiter.
