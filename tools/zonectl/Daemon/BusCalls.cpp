@@ -21,7 +21,7 @@ DaemonCalls::FailureTaker BusCalls::failureTaker(std::function<void()> unanswere
 }
 
 void BusCalls::askInteger(const char* method, const std::string& zone, std::chrono::milliseconds patience,
-                          IntegerHandler handler)
+                          const IntegerHandler& handler)
 {
     ++underWay;
     calls.askNumber(
@@ -33,7 +33,7 @@ void BusCalls::askInteger(const char* method, const std::string& zone, std::chro
         failureTaker([handler] { handler(std::nullopt); }));
 }
 
-void BusCalls::askNames(std::chrono::milliseconds patience, NamesHandler handler)
+void BusCalls::askNames(std::chrono::milliseconds patience, const NamesHandler& handler)
 {
     ++underWay;
     calls.askNames(

@@ -25,9 +25,9 @@ public:
 
     /// Begins a method that takes a zone and answers with a number, as "ZoneGetState".
     void askInteger(const char* method, const std::string& zone, std::chrono::milliseconds patience,
-                    IntegerHandler handler);
+                    const IntegerHandler& handler);
     /// Begins "GetZoneList".
-    void askNames(std::chrono::milliseconds patience, NamesHandler handler);
+    void askNames(std::chrono::milliseconds patience, const NamesHandler& handler);
 
     /// Waits for all answers; each call's own patience bounds that.
     void finish() const;
