@@ -1,6 +1,5 @@
 """scripts/define-zone, and the real containers that it defines."""
 
-import subprocess
 from pathlib import Path
 
 import pytest
@@ -31,8 +30,9 @@ def real(root):
         ("--remove", "../red"),
     ],
 )
-def test_wrong_definitions_give_two_and_the_usage(arguments):
-    result = subprocess.run([DEFINE_ZONE, *arguments], capture_output=True, text=True, check=False)
+def test_wrong_definitions_give_two_and_the_usage(real, arguments):
+    # In a root: what is taken by mistake must not be done to the machine.
+    result = real.root.run([DEFINE_ZONE, *arguments], check=False)
     assert result.returncode == 2
     assert "usage: scripts/define-zone" in result.stderr
 
