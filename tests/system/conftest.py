@@ -1,6 +1,10 @@
 """Fixtures; zonetest/__init__.py is the manual."""
 
 import pytest
+
+# Their assertions tell what they compared, as those of the tests do.
+pytest.register_assert_rewrite("doctor", "zonetest")
+
 from zonetest import Bus, Daemon, FakeLxc, PrivateRoot, RealZones, messages
 
 
@@ -47,6 +51,7 @@ def daemon(root):
 def pytest_runtest_makereport(item):
     outcome = yield
     report = outcome.get_result()
-    daemon = item.funcargs.get("daemon") if hasattr(item, "funcargs") else None
+    fixtures = getattr(item, "funcargs", {})
+    daemon = fixtures.get("daemon") or getattr(fixtures.get("clinic"), "daemon", None)
     if report.when == "call" and report.failed and daemon is not None:
         report.sections.append(("the daemon's log", "\n".join(daemon.lines)))
