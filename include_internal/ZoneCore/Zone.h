@@ -60,6 +60,9 @@ public:
     std::atomic<ZoneState> state{NONE};
     /// The watcher timer's source id on the zone's own context; 0 when there is none. The zone's thread only.
     unsigned watcherTimerId = 0;
+    /// A stop was carried out, whose report ends the watcher and may still be on its way. The zone's thread
+    /// only.
+    bool stopAwaitsReport = false;
     std::unique_ptr<ContainerCore::Container> container;
 
 private:

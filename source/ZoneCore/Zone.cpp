@@ -208,6 +208,7 @@ void Zone::handleStop()
     // Before the stop: the exit message that follows must not count as a death.
     operationType.store(ZUP::ZONE_OPERATION_STOP, std::memory_order_relaxed);
     if (container->stop()) {
+        stopAwaitsReport = true;
         restartFlag.store(false, std::memory_order_relaxed);
         ZLOGI("%s is stopped successfully(thread name : %s, tid : %d)", zoneName.c_str(), threadName.c_str(),
               currentThreadId());
@@ -278,6 +279,7 @@ void Zone::handleChangeState(ZoneState newState)
           threadName.c_str(), currentThreadId());
     state.store(newState, std::memory_order_relaxed);
     if (newState == STOPPED) {
+        stopAwaitsReport = false;
         removeZoneWatcherTimer();
         ZLOGI("Removing zone watcher timer from zone thread context(thread name : %s, tid : %d)",
               threadName.c_str(), currentThreadId());
@@ -293,6 +295,7 @@ void Zone::handleChangeState(ZoneState newState)
 
 bool Zone::setZoneWatcherTimer(int interval)
 {
+    stopAwaitsReport = false; // somebody started the zone again
     const pid_t pid = container->initPID();
     if (pid < 0) {
         ZLOGE("Failed to get initpid of %s(thread name : %s, tid : %d)", zoneName.c_str(), threadName.c_str(),
@@ -347,6 +350,9 @@ gboolean Zone::zoneWatcherTimer(gpointer data)
     if (zone == nullptr) {
         ZLOGI("Failed to get zone object");
         return G_SOURCE_REMOVE;
+    }
+    if (zone->stopAwaitsReport) {
+        return G_SOURCE_CONTINUE; // it ended on request: no death
     }
     pid_t current = -1;
     if (zone->container->mayControl()) {

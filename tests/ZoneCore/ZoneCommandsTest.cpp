@@ -153,6 +153,7 @@ TEST_F(ZoneCommands, StopsTheContainer)
                 ElementsAre(at("I receive the event - ZONE STOP"), "D may_control", "D is_running",
                             "D is_running", at("I alpha is stopped successfully")));
     expectOutcome(ZUP::ZONE_OPERATION_STOP, false, 1);
+    EXPECT_TRUE(zone->stopAwaitsReport);
     EXPECT_THAT(control.text("launches"), testing::HasSubstr(R"("stop","alpha"])"));
 }
 
@@ -183,6 +184,7 @@ TEST_F(ZoneCommands, ForgetsAStopThatFailed)
                 ElementsAre(at("I receive the event - ZONE STOP"), "D may_control", "D is_running",
                             "D is_running", at("E Failed to stop alpha")));
     expectOutcome(ZUP::ZONE_OPERATION_NONE, true, 1);
+    EXPECT_FALSE(zone->stopAwaitsReport);
 }
 
 TEST_F(ZoneCommands, DoesNotStopAZoneThatDoesNotRun)

@@ -72,6 +72,7 @@ TEST_F(ZoneLife, StartsEmpty)
     EXPECT_EQ(fresh.operationType.load(), ZUP::ZONE_OPERATION_NONE);
     EXPECT_EQ(fresh.state.load(), NONE);
     EXPECT_EQ(fresh.watcherTimerId, 0U);
+    EXPECT_FALSE(fresh.stopAwaitsReport);
     ASSERT_NE(fresh.container, nullptr);
     EXPECT_EQ(fresh.container->getHandle(), nullptr);
 }

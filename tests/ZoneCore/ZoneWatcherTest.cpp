@@ -218,6 +218,28 @@ TEST_F(ZoneWatcher, IsSilentWhileTheInitProcessIsTheSame)
     EXPECT_TRUE(zone->restartFlag.load());
 }
 
+TEST_F(ZoneWatcher, DoesNotTakeAStopOnRequestForADeath)
+{
+    watch("77");
+    container("init_pid", "-1");
+    zone->stopAwaitsReport = true;
+    EXPECT_THAT(tick(), IsEmpty());
+    EXPECT_NE(watcher(), nullptr);
+    EXPECT_EQ(control.launches(), 0U);
+}
+
+TEST_F(ZoneWatcher, LooksAgainOnceTheStopWasReportedOrTheZoneRunsAgain)
+{
+    for (const ZoneState reported : {STOPPED, RUNNING}) {
+        zone->stopAwaitsReport = true;
+        static_cast<void>(handle(eZONE_EVENT_CHANGE_STATE, reported));
+        EXPECT_FALSE(zone->stopAwaitsReport);
+    }
+    zone->stopAwaitsReport = true;
+    static_cast<void>(handle(eZONE_EVENT_CHANGE_STATE, STOPPING));
+    EXPECT_TRUE(zone->stopAwaitsReport);
+}
+
 TEST_F(ZoneWatcher, RestartsWhenTheInitProcessChanged)
 {
     watch("77");

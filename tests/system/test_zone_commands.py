@@ -304,6 +304,30 @@ def test_a_zone_has_one_watcher_at_a_time(fake, daemon, root):
     )
 
 
+def test_a_watcher_that_is_due_during_a_stop_does_not_undo_it(fake, bus, daemon, root):
+    fake.define("red")
+    fake.define("blue", state="RUNNING", init_pid=77)
+    fake.script("stop", "wait stop-may-end", "set running 0", "set init_pid -1", name="red")
+    start(daemon, bus)
+    carry_out(daemon, bus, "ZoneStart", "ZONE START", "red is started successfully")
+    daemon.wait_for(on_thread(daemon, "Zone Watcher Is registered[interval : 15000]"), timeout=20)
+    # Blue's watcher is set up after red's: when it is heard of, red's is due as well.
+    send_states(root, "blue", "RUNNING")
+    daemon.wait_for("The init pid(77) of zone(blue) is set", timeout=20)
+    fake.put("blue", "init_pid", 78)
+    assert bus.call("ZoneStop", "red") is True
+    eventually(lambda: len(fake.launches()) == 2, 20, "the stop to begin")
+    daemon.wait_for("Restarting blue(", timeout=20)
+    fake.set("stop-may-end")
+    daemon.wait_for(on_thread(daemon, "red is stopped successfully"), timeout=20)
+    mark = daemon.mark()
+    send_states(root, "red", "STOPPED")
+    daemon.wait_for(on_thread(daemon, "Zone Watcher Is removed"), timeout=20, after=mark)
+    assert daemon.find("Restarting red(") is None
+    assert [launch["argv"][1:] for launch in fake.launches() if launch["argv"][2] == "red"] == [
+        ["start", "red"], ["stop", "red"]]
+
+
 def test_the_watcher_starts_a_zone_again_whose_init_process_is_another_or_gone(fake, daemon, root):
     for name in ("changed", "failing", "gone", "same"):
         fake.define(name, state="RUNNING", init_pid=77)
