@@ -50,6 +50,8 @@ class Tree:
             stand_in.write_text(STAND_IN.format(tree=directory, name=stand_in.name))
             stand_in.chmod(0o755)
         for architecture in ("armhf", "aarch64"):
+            for program in ("bin/zone-manager", "bin/zonectl", "bin/zone-launcher", "lib/liblxc.so.1"):
+                self.write(f"build/{architecture}/{program}", "")
             self.write(f"build/{architecture}/bin/zone-manager.linked", LINKED)
             self.write(f"build/{architecture}/Testing/Temporary/LastTest.log", REPORT)
 
@@ -149,3 +151,10 @@ def test_programs_that_a_device_could_not_use_fail(tree, file, text, complaint):
     result = tree.run("armhf")
     assert result.returncode == 1
     assert complaint in result.stderr and tree.calls("ctest") == []
+
+
+def test_a_program_that_was_not_built_fails(tree):
+    (tree.directory / "build/armhf/bin/zone-launcher").unlink()
+    result = tree.run("armhf")
+    assert result.returncode == 1
+    assert "armhf: there is no bin/zone-launcher" in result.stderr and tree.calls("ctest") == []

@@ -170,6 +170,19 @@ def test_a_failed_build_shows_its_end_and_keeps_the_package_that_is_there(worksh
     assert workshop.left_behind == []
 
 
+def test_a_full_disk_keeps_the_package_that_is_there(workshop):
+    own = workshop.tree / "build" / "package"
+    own.mkdir()
+    (own / "zone-manager_1.0_amd64.deb").write_text("old")
+    workshop.program(workshop.programs / "cp", '#!/bin/sh\ncase "$3" in\n'
+                     '*/.zone-manager_*) echo part >"$3"; echo "No space left" >&2; exit 1 ;;\n'
+                     'esac\nexec /bin/cp "$@"\n')
+    result = workshop.run()
+    assert (result.returncode, result.stdout) == (1, "")
+    assert "No space left" in result.stderr
+    assert [path.name for path in own.iterdir()] == ["zone-manager_1.0_amd64.deb"]
+
+
 def test_packages_that_cannot_be_installed_end_it(workshop):
     workshop.program(workshop.tree / "scripts" / "setup", "#!/bin/sh\necho no network >&2\nexit 1\n")
     result = workshop.run()

@@ -16,16 +16,20 @@ def calls(tmp_path):
     scripts, programs = tmp_path / "scripts", tmp_path / "bin"
     scripts.mkdir()
     programs.mkdir()
+    (tmp_path / "tmp").mkdir()
     shutil.copy(PROJECT / "scripts" / "test", scripts)
     for stand_in in (scripts / "setup", scripts / "lint", programs / "cmake", programs / "ctest"):
         stand_in.write_text("#!/bin/sh\n"
                             f'echo {stand_in.name} "$@" >>{tmp_path}/calls\n'
+                            f'echo the word of {stand_in.name}\n'
+                            f'ls "$TMPDIR" >{tmp_path}/held\n'
                             f'[ "{stand_in.name}" != "$FAILS" ]\n')
         stand_in.chmod(0o755)
 
     def run(*arguments, fails=""):
         (tmp_path / "calls").write_text("")
-        environment = {**os.environ, "PATH": f"{programs}:{os.environ['PATH']}", "FAILS": fails}
+        environment = {**os.environ, "PATH": f"{programs}:{os.environ['PATH']}", "FAILS": fails,
+                       "TMPDIR": str(tmp_path / "tmp")}
         result = subprocess.run([scripts / "test", *arguments], env=environment, capture_output=True,
                                 text=True, timeout=60, check=False)
         return result, (tmp_path / "calls").read_text().splitlines()
@@ -62,3 +66,11 @@ def test_one_failure_keeps_nothing_else_from_running(calls, failing):
     result, made = calls(fails=failing)
     assert result.returncode == 1 and "FAILED: " in result.stdout
     assert names(made) == ["setup", "lint", "cmake", "cmake", "ctest"]
+
+
+def test_a_configuration_that_fails_is_shown_and_leaves_nothing(calls, tmp_path):
+    result, made = calls("--no-lint", fails="cmake")
+    assert (result.returncode, names(made)) == (1, ["setup", "cmake"])
+    assert "the word of cmake" in result.stderr
+    # Under a name that nobody can foresee.
+    assert (tmp_path / "held").read_text() != "" and list((tmp_path / "tmp").iterdir()) == []

@@ -71,6 +71,12 @@ def test_a_shared_directory_keeps_what_is_written(tmp_path):
     assert (tmp_path / "kept").exists()
 
 
+def test_a_pid_file_is_where_the_caller_is(tmp_path):
+    command = [PRIVATE_ROOT, "--pid-file", "pid", "true"]
+    assert subprocess.run(command, cwd=tmp_path, timeout=30, check=False).returncode == 0
+    assert int((tmp_path / "pid").read_text()) > 1
+
+
 def test_what_is_changed_inside_stays_inside(root):
     root.run("echo changed >/etc/hostname; rm /etc/passwd")
     root.run("mkdir /zone; touch /tmp/zonetest-inside /dev/shm/inside")
