@@ -3,6 +3,7 @@
 import configparser
 import re
 import subprocess
+from pathlib import Path
 
 import pytest
 from debian_package import DEADLINE, PROJECT, output_of
@@ -66,6 +67,14 @@ def test_lintian_has_nothing_to_say(workshop, options):
 def test_each_override_of_lintian_has_its_reason_before_it():
     lines = (PROJECT / "packaging/debian/zone-manager.lintian-overrides").read_text().splitlines()
     assert lines[0].startswith("# ") and any(line.startswith("zone-manager: ") for line in lines)
+
+
+def test_the_links_of_its_documents_lead_to_files_of_its_own(package, tmp_path):
+    place = Path(package.unpack(tmp_path)) / "usr/share/doc/zone-manager"
+    links = {link for document in place.glob("*.md")
+             for link in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", document.read_text())}
+    assert "examples/init-pid.c" in links
+    assert [link for link in sorted(links) if not (place / link).exists()] == []
 
 
 def test_its_files_are_roots(package):

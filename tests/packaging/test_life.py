@@ -108,8 +108,8 @@ def test_no_upgrade_and_no_removal_touches_a_zone(device, newer):
     before = device.init_pids()
     install(device.root, newer)
     assert device.daemon.running
-    assert device.daemon.stop() == 0
     dpkg(device.root, "--remove", NAME)
+    assert device.daemon.wait_exit() == 0
     dpkg(device.root, "--purge", NAME)
     assert device.init_pids() == before
     assert all(device.zones.state(name) == "RUNNING" for name in ZONES)
