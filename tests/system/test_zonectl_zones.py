@@ -192,6 +192,33 @@ def test_a_monitor_that_falls_silent_while_somebody_waits(managed, silence, zone
     assert bus.call("ZoneGetState", "red") == 3
 
 
+def test_watch_does_not_ask_about_a_zone_of_a_silent_monitor(managed, silence, zonectl, bus):
+    silence("blue")
+    lines = zonectl.run("watch", "--json", "--timeout=4").stdout.splitlines()
+    present = {event["name"]: event for event in map(json.loads, lines)}
+    assert {name: (event["state"], event["source"]) for name, event in present.items()} == {
+        "blue": ("RUNNING", "proc"),
+        "gold": ("STOPPED", "proc"),
+        "green": ("STOPPED", "query"),
+        "red": ("RUNNING", "query"),
+    }
+    assert present["blue"]["note"] == "monitor silent, from /proc"
+    assert present["gold"]["note"] == "protected, from /proc"
+    assert bus.call("ZoneGetState", "red") == 3
+    assert zonectl.processes == []
+
+
+def test_top_does_not_ask_about_a_zone_of_a_silent_monitor(managed, silence, zonectl, bus):
+    silence("blue")
+    lines = zonectl.run("top", "--json", "--timeout=4").stdout.splitlines()
+    looks = [{zone["name"]: zone for zone in json.loads(line)} for line in lines]
+    told = [{name: (zone["state"], zone["state_source"]) for name, zone in look.items()} for look in looks]
+    assert {look["blue"] for look in told} == {("RUNNING", "control-groups")}
+    assert told[-1]["red"] == ("RUNNING", "daemon") and told[-1]["green"] == ("STOPPED", "daemon")
+    assert bus.call("ZoneGetState", "red") == 3
+    assert zonectl.processes == []
+
+
 def test_a_daemon_that_waits_for_a_silent_monitor_itself(managed, silence, zonectl, root, daemon):
     silence("blue")
     asking = root.popen(["busctl", "--timeout=120", "call", *SERVICE, "ZoneGetState", "s", "blue"], stdout=-1)

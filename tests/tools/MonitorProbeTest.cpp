@@ -1,48 +1,14 @@
 #include "Device/MonitorProbe.h"
 
-#include "Daemon/Names.h"
-#include "tests/support/unit/PrivateRoot.h"
+#include "tests/tools/WithFakeLxc.h"
 
-#include <cerrno>
-#include <filesystem>
-#include <sys/wait.h>
-
-namespace fs = std::filesystem;
 using namespace Zonectl;
 
 namespace {
 
-/// The tests' own liblxc in the place of the daemon's, with the containers "blue" and "red".
-class AskMonitors : public ZoneTest::InPrivateRoot
+class AskMonitors : public WithFakeLxc
 {
 protected:
-    void SetUp() override
-    {
-        InPrivateRoot::SetUp();
-        fs::create_directories("/zone/config");
-        fs::copy_file(FAKE_LXC_FILE, Names::LXC_LIBRARY, fs::copy_options::overwrite_existing);
-        control("lxcpath", "/var/lib/lxc");
-        for (const char* name : {"blue", "red"}) {
-            control(std::string("containers/") + name + "/state", "RUNNING");
-        }
-    }
-    void TearDown() override
-    {
-        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a process is left behind";
-        EXPECT_EQ(errno, ECHILD);
-        fs::remove_all("/run/fake-lxc");
-        fs::remove(Names::LXC_LIBRARY);
-    }
-
-    /// Writes a control file of that library.
-    static void control(const std::string& name, const std::string& text)
-    {
-        const fs::path file = fs::path("/run/fake-lxc") / name;
-        fs::create_directories(file.parent_path());
-        ZoneTest::writeFile(file, text);
-    }
-    static void delay(const std::string& function) { control("delays/" + function, "60000"); }
-
     [[nodiscard]] static std::map<std::string, MonitorVoice> both(MonitorVoice voice)
     {
         return {{"blue", voice}, {"red", voice}};
@@ -54,7 +20,7 @@ protected:
 // The first one: a library that has been loaded stays in the process.
 TEST_F(AskMonitors, WithoutTheLibraryNothingIsKnown)
 {
-    fs::remove(Names::LXC_LIBRARY);
+    std::filesystem::remove(Names::LXC_LIBRARY);
     EXPECT_TRUE(askMonitors({"blue", "red"}).empty());
 }
 

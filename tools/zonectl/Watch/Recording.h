@@ -26,7 +26,7 @@ struct WatchEvent
     Micros at = 0;       ///< since the machine came up, the time in which it slept included
     std::string zone{};  ///< of a state
     std::string state{}; ///< its word; empty when it is not known
-    std::string note{};  ///< of an unknown state, why; of a gap, who was away
+    std::string note{};  ///< of a state that is not the daemon's word, why; of a gap, who was away
     Micros length = 0;   ///< of a gap
 };
 

@@ -3,6 +3,7 @@
 #include "Daemon/DaemonCalls.h"
 #include "Daemon/ZoneWords.h"
 #include "Device/Containers.h"
+#include "Device/MonitorScout.h"
 #include "Output/Screen.h"
 #include "Watch/TopTable.h"
 
@@ -43,9 +44,7 @@ public:
         if (given.empty()) {
             askNames();
         }
-        for (const std::string& name : given.empty() ? zoneNames.value_or(given) : given) {
-            askState(name);
-        }
+        askStates(given.empty() ? zoneNames.value_or(given) : given);
     }
 
     /// The names of all zones; nothing as long as the daemon has not told them.
@@ -96,6 +95,21 @@ private:
             [this](const CallFailure& /*failure*/) { askingNames = false; });
     }
 
+    /// The daemon would wait for a silent monitor, and answer nobody meanwhile: it is not asked about such.
+    void askStates(const std::vector<std::string>& zones)
+    {
+        if (zones.empty() || scout.busy()) {
+            return;
+        }
+        scout.ask(zones, [this, zones](const std::set<std::string>& silent) {
+            for (const std::string& zone : zones) {
+                if (calls && !silent.contains(zone)) {
+                    askState(zone);
+                }
+            }
+        });
+    }
+
     void askState(const std::string& zone)
     {
         if (!asking.insert(zone).second) {
@@ -112,6 +126,7 @@ private:
             [this, zone](const CallFailure& /*failure*/) { asking.erase(zone); });
     }
 
+    MonitorScout scout; // before the link, which has threads
     BusLink link;
     std::optional<DaemonCalls> calls;
     std::optional<std::vector<std::string>> zoneNames;

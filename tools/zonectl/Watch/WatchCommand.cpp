@@ -4,6 +4,9 @@
 #include "Daemon/DaemonCalls.h"
 #include "Daemon/ZoneWords.h"
 #include "Device/Containers.h"
+#include "Device/Machine.h"
+#include "Device/MonitorScout.h"
+#include "Device/ZoneLife.h"
 #include "Watch/RecordingFile.h"
 #include "Watch/WatchOutput.h"
 
@@ -33,13 +36,13 @@ class Watcher : private ChangeSource::Listener, private BusLink::Observer
 {
 public:
     Watcher(const Options& commandOptions, const Style& outputStyle)
-        : options(commandOptions), style(outputStyle), loop(g_main_loop_new(nullptr, FALSE))
+        : options(commandOptions), style(outputStyle), lxcPath(configuredLxcPath(machine)),
+          loop(g_main_loop_new(nullptr, FALSE))
     {
         if (!options.record.empty()) {
             recording.emplace(options.record);
         }
-        source = options.raw ? makeRecordSource(configuredLxcPath(Machine("")), *this)
-                             : makeSignalSource(link, *this);
+        source = options.raw ? makeRecordSource(lxcPath, *this) : makeSignalSource(link, *this);
         link.observe(*this); // behind the source, so that it listens before anybody asks
     }
 
@@ -137,6 +140,7 @@ private:
             return;
         }
         askDue = false;
+        ++round;
         calls.emplace(link.connection());
         if (!options.arguments.empty()) {
             askStates(options.arguments);
@@ -147,24 +151,43 @@ private:
             [this](const CallFailure& reason) { sayNoPresentStates(reason.failure); });
     }
 
+    /// The daemon would wait for a silent monitor, and answer nobody meanwhile: it is not asked about such.
     void askStates(const std::vector<std::string>& names)
     {
-        for (const std::string& name : names) {
-            calls->askNumber(
-                "ZoneGetState", name, ANSWER_LIMIT, [this, name](int state) { takePresent(name, state); },
-                [this, name](const CallFailure& reason) { takeNoPresent(name, reason.failure); });
-        }
+        scout.ask(names, [this, names, asked = round](const std::set<std::string>& silent) {
+            if (!calls || asked != round) {
+                return; // the daemon has left meanwhile; when it is back, all are asked for again
+            }
+            for (const std::string& name : names) {
+                silent.contains(name) ? takeFromProc(name, "monitor silent") : askState(name);
+            }
+        });
+    }
+
+    void askState(const std::string& name)
+    {
+        calls->askNumber(
+            "ZoneGetState", name, ANSWER_LIMIT, [this, name](int state) { takePresent(name, state); },
+            [this, name](const CallFailure& reason) { takeNoPresent(name, reason.failure); });
     }
 
     void takePresent(const std::string& zone, int state)
     {
-        WatchEvent event = {.kind = WatchEvent::Kind::Present, .zone = zone};
-        if (state < 0) {
-            event.note = "refused";
+        if (state >= 0) {
+            emitPresent({.kind = WatchEvent::Kind::Present, .zone = zone, .state = stateWord(state)});
+        } else if (readContainer(machine, lxcPath, zone).kind == ZUP::ZONE_TYPE_PROTECTION) {
+            takeFromProc(zone, "protected");
         } else {
-            event.state = stateWord(state);
+            emitPresent({.kind = WatchEvent::Kind::Present, .zone = zone, .note = "refused"});
         }
-        emitPresent(std::move(event));
+    }
+
+    void takeFromProc(const std::string& zone, const std::string& reason)
+    {
+        emitPresent({.kind = WatchEvent::Kind::Present,
+                     .zone = zone,
+                     .state = LifeTable(machine, lxcPath).of(zone).state,
+                     .note = reason + ", from /proc"});
     }
 
     void takeNoPresent(const std::string& zone, const Failure& reason)
@@ -268,6 +291,9 @@ private:
 
     const Options& options;
     const Style& style;
+    const Machine machine{""};
+    const std::string lxcPath;
+    MonitorScout scout; // before all that may have threads
     ZoneCore::GMainLoopPtr loop;
     std::optional<RecordingFile> recording;
     BusLink link;
@@ -278,6 +304,7 @@ private:
     std::set<std::string> changedSince; ///< zones with a change since the source came up
     bool everUp = false;
     bool askDue = false;
+    unsigned round = 0; ///< of questions for the present states
     bool said = false;
 };
 

@@ -7,10 +7,20 @@ namespace Zonectl {
 
 namespace {
 
+/// Whether a state was found out without the daemon.
+[[nodiscard]] bool isFromProc(const WatchEvent& event)
+{
+    return event.kind == WatchEvent::Kind::Present && !event.state.empty() && !event.note.empty();
+}
+
 [[nodiscard]] std::string presentText(const WatchEvent& event, const Style& style)
 {
     if (event.state.empty()) {
         return style.paint(Tone::Muted, "unknown (" + event.note + ")");
+    }
+    if (isFromProc(event)) {
+        return style.paint(Tone::Warning, printable(event.state) + "?") +
+               style.paint(Tone::Muted, " (present; " + event.note + ")");
     }
     return style.paint(stateTone(event.state), printable(event.state)) +
            style.paint(Tone::Muted, " (present)");
@@ -57,7 +67,8 @@ std::string watchJson(const WatchEvent& event, Micros wall, const std::string& s
     case WatchEvent::Kind::End:
         return {};
     }
-    json.name("source").text(event.kind == WatchEvent::Kind::Present ? "query" : source);
+    const std::string asked = isFromProc(event) ? "proc" : "query";
+    json.name("source").text(event.kind == WatchEvent::Kind::Present ? asked : source);
     return json.endObject().finish(JsonWriter::Layout::OneLine) + "\n";
 }
 
