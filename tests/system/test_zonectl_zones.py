@@ -125,6 +125,19 @@ def test_of_a_protection_zone_the_processes_tell(managed, zonectl):
     assert row.split()[:3] == ["gold", "protection", "RUNNING?"] and row.endswith("  protected, from /proc")
 
 
+def test_a_protection_zone_is_waited_for_from_the_state_that_its_processes_tell(managed, zonectl):
+    [stopped] = zonectl.json("wait", "gold", "stopped", "--timeout=5")
+    assert (stopped["done"], stopped["state"]) == (True, "STOPPED")
+    assert stopped["reason"] == "protected, from /proc"
+    told = zonectl.run("wait", "gold", "RUNNING", "--timeout=1", status=TIME_LIMIT).stderr
+    assert "(last state: STOPPED)" in told
+    waiting = zonectl.popen("wait", "gold", "RUNNING", "--timeout=20")
+    assert "gold: waiting up to 20 s for RUNNING" in waiting.popen.stderr.readline()
+    managed.start("gold")
+    assert waiting.wait() == OK
+    assert waiting.popen.stdout.read() == "gold: RUNNING\n"
+
+
 def test_what_has_changed_since_the_daemon_began(managed, zonectl, root):
     """A container that it does not have as a zone, and a zone without a container."""
     managed.define("late", "isolation")
@@ -178,7 +191,9 @@ def test_a_zone_of_a_silent_monitor_can_be_waited_for(managed, silence, zonectl,
     assert "blue: its LXC monitor is silent" in told and "blue: waiting up to 3 s for STOPPED" in told
     assert zonectl.processes == [waiting.pid]
     assert waiting.wait() == TIME_LIMIT
-    assert "(last state: unknown)" in waiting.popen.stderr.read()
+    assert "(last state: RUNNING)" in waiting.popen.stderr.read()
+    [running] = zonectl.json("wait", "blue", "running", "--timeout=5")
+    assert (running["state"], running["reason"]) == ("RUNNING", "monitor silent, from /proc")
     assert bus.call("ZoneGetState", "red") == 3
 
 

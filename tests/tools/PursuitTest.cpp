@@ -101,3 +101,16 @@ TEST(Pursuit, AWaitFailsByNoState)
     wait.change("FROZEN");
     EXPECT_TRUE(wait.done());
 }
+
+TEST(Pursuit, AWaitTellsWhereAStateIsFromThatIsNotTheDaemonsWord)
+{
+    Pursuit reached("gold", "STOPPED");
+    reached.begin("STOPPED", "from /proc");
+    EXPECT_TRUE(reached.done());
+    EXPECT_EQ(reached.reason(), "from /proc");
+    Pursuit open("gold", "RUNNING");
+    open.begin("STOPPED", "from /proc");
+    open.change("RUNNING");
+    EXPECT_TRUE(open.done());
+    EXPECT_EQ(open.reason(), "") << "the change is the daemon's word";
+}

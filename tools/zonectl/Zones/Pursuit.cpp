@@ -51,15 +51,14 @@ Pursuit::Pursuit(std::string zoneName, std::string wantedState)
     : zone(std::move(zoneName)), task(Errand::Wait), wanted(std::move(wantedState))
 {}
 
-void Pursuit::begin(const std::string& state)
+void Pursuit::begin(const std::string& state, const std::string& remark)
 {
     last = state;
     starting = state == "STARTING";
     if (state == wanted) {
         reach(state);
-        if (task != Errand::Wait) {
-            explanation = "it was " + state + " already; the daemon drops such a request";
-        }
+        explanation =
+            task == Errand::Wait ? remark : "it was " + state + " already; the daemon drops such a request";
     } else if (task == Errand::Start && isFrozen(state)) {
         fail(EXIT_FAILED, "it is " + state + ", and a start fails until it is thawed: 'zonectl unfreeze " +
                               zone + "'; nothing was asked for");

@@ -29,8 +29,8 @@ public:
     Pursuit(std::string zoneName, std::string wantedState);
 
     /// The state before anything was asked for. It may already be the wanted one, or one in which the request
-    /// cannot succeed.
-    void begin(const std::string& state);
+    /// cannot succeed. The remark says where a state is from that is not the daemon's word.
+    void begin(const std::string& state, const std::string& remark = "");
     /// A change that the daemon tells. The wanted state counts even when another one follows at once.
     void change(const std::string& state);
     /// A state that was asked for: it may be older than the last change that was told, so nothing fails by

@@ -1,13 +1,17 @@
 #include "Commands.h"
 #include "Daemon/BusClient.h"
 #include "Daemon/ZoneWords.h"
+#include "Device/Containers.h"
+#include "Device/Machine.h"
 #include "Device/MonitorProbe.h"
+#include "Device/ZoneLife.h"
 #include "Output/Json.h"
 #include "Zones/Follower.h"
 #include "Zones/Refusal.h"
 
 #include <algorithm>
 #include <iostream>
+#include <optional>
 
 namespace Zonectl {
 
@@ -76,11 +80,16 @@ public:
     void look()
     {
         forEach([this](Pursuit& one) {
-            if (lookFirst(one) == REFUSED) {
+            const std::optional<int> told = lookFirst(one);
+            if (told == REFUSED) {
                 const std::vector<std::string> known = client.zoneNames();
                 if (std::find(known.begin(), known.end(), one.name()) == known.end()) {
                     one.fail(EXIT_FAILED, noSuchZone(known));
+                } else if (isProtected(one)) {
+                    beginFromProc(one, "protected");
                 }
+            } else if (!told) {
+                beginFromProc(one, "monitor silent");
             }
             if (one.open()) {
                 progress.event(one.name() + ": waiting up to " + limitText() + " for " + one.goal() + " (" +
@@ -156,14 +165,15 @@ private:
         return std::find(known.begin(), known.end(), one.name()) == known.end();
     }
 
-    /// The state as it is, as far as the daemon may be asked; REFUSED when it does not speak about the zone.
-    int lookFirst(Pursuit& one)
+    /// The state as the daemon tells it, REFUSED when it does not speak about the zone, nothing when it may
+    /// not be asked.
+    std::optional<int> lookFirst(Pursuit& one)
     {
         const auto voice = voices.find(one.name());
         if (voice != voices.end() && voice->second == MonitorVoice::Silent) {
             follower.neverAsk(one.name());
             progress.line(one.name() + ": its LXC monitor is silent, so that only signals tell of it");
-            return ZoneCore::NONE;
+            return std::nullopt;
         }
         const int state = client.zoneState(one.name());
         if (state == REFUSED) {
@@ -172,6 +182,19 @@ private:
             one.begin(stateWord(state));
         }
         return state;
+    }
+
+    [[nodiscard]] bool isProtected(const Pursuit& one) const
+    {
+        return readContainer(machine, lxcPath, one.name()).kind == ZUP::ZONE_TYPE_PROTECTION;
+    }
+
+    /// The processes tell a state where the daemon does not, unless the zone comes up or goes down just then.
+    void beginFromProc(Pursuit& one, const std::string& reason)
+    {
+        if (const ZoneLife life = LifeTable(machine, lxcPath).of(one.name()); !life.state.empty()) {
+            one.begin(life.state, reason + ", from /proc");
+        }
     }
 
     void printLines(const Style& style) const
@@ -212,6 +235,8 @@ private:
     }
 
     const Options& options;
+    const Machine machine{""};
+    const std::string lxcPath = configuredLxcPath(machine);
     std::vector<Pursuit> pursuits;
     std::map<std::string, MonitorVoice> voices;
     BusClient client;
