@@ -132,11 +132,22 @@ def test_the_present_states_come_first_and_then_each_change(watch, zonectl):
     assert seen.end() == (0, [], "")
 
 
-@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
-def test_it_ends_well_when_it_is_interrupted(watch, number):
-    seen = watch("--json")
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
+def test_it_ends_well_when_it_is_interrupted(watch, number, tmp_path):
+    seen = watch("--json", "--record", str(tmp_path / "run"))
     seen.skip_present()
     assert seen.end(number) == (0, [], "")
+    assert recorded(tmp_path / "run")[1][-1]["event"] == "end"
+
+
+def test_who_is_told_to_outlive_the_terminal_does(bus, watch):
+    """As nohup tells it."""
+    seen = watch("--json", preexec_fn=lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN))
+    seen.skip_present()
+    seen.process.send_signal(signal.SIGHUP)
+    start_nav(bus)
+    assert [seen.event()["state"] for _ in range(2)] == ["STARTING", "RUNNING"]
+    assert seen.end() == (0, [], "")
 
 
 def test_an_event_for_programs(watch, zonectl):

@@ -31,6 +31,12 @@ void note(const std::string& text)
     std::cerr << "zonectl: " << printable(text) << std::endl;
 }
 
+[[nodiscard]] bool isIgnored(int signal)
+{
+    struct sigaction action = {};
+    return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
 /// The states of zones, then each change, until it is told to end.
 class Watcher : private ChangeSource::Listener, private BusLink::Observer
 {
@@ -50,6 +56,9 @@ public:
     {
         g_unix_signal_add(SIGINT, &Watcher::endCallback, this);
         g_unix_signal_add(SIGTERM, &Watcher::endCallback, this);
+        if (!isIgnored(SIGHUP)) { // by nohup, to outlive the terminal
+            g_unix_signal_add(SIGHUP, &Watcher::endCallback, this);
+        }
         if (options.timeout) {
             g_timeout_add_seconds(static_cast<guint>(options.timeout->count()), &Watcher::endCallback, this);
         }
