@@ -1,3 +1,4 @@
+#include "AnotherUser.h"
 #include "Daemon/ZoneWords.h"
 #include "Device/Containers.h"
 #include "TemporaryTree.h"
@@ -92,6 +93,41 @@ TEST(ListFromFiles, TakesTheConfiguredPathAndSortsNames)
     ASSERT_EQ(listing.containers.size(), 2U);
     EXPECT_EQ(listing.containers[0].name, "a");
     EXPECT_EQ(listing.containers[1].name, "b");
+}
+
+TEST(ListFromFiles, TellsWhatThisUserMayNotRead)
+{
+    const TemporaryTree tree;
+    tree.write("/var/lib/lxc/hidden/config", "");
+    tree.write("/var/lib/lxc/closed/config", "");
+    tree.write("/var/lib/lxc/open/config", "");
+    tree.write("/var/lib/lxc/partly/config", "lxc.include = /included\n");
+    tree.makeDirectory("/var/lib/lxc/no-container");
+    tree.write("/included", "");
+    tree.permit("/var/lib/lxc/hidden", 0700);
+    tree.permit("/var/lib/lxc/closed/config", 0600);
+    tree.permit("/included", 0600);
+    const AnotherUser user;
+    const ContainerListing listing = listFromFiles(Machine(tree.root()));
+    ASSERT_EQ(listing.containers.size(), 1U);
+    EXPECT_EQ(listing.containers[0].name, "open");
+    EXPECT_EQ(listing.unreadable, (std::vector<std::string>{"closed", "hidden", "partly"}));
+    EXPECT_FALSE(listing.pathClosed);
+}
+
+TEST(ListFromFiles, TellsThatThePathMayNotBeLookedInto)
+{
+    const TemporaryTree tree;
+    tree.write("/var/lib/lxc/red/config", "");
+    for (const char* path : {"/var/lib/lxc", "/var/lib"}) {
+        tree.permit(path, 0700);
+        EXPECT_FALSE(listFromFiles(Machine(tree.root())).pathClosed) << "for root";
+        {
+            const AnotherUser user;
+            EXPECT_TRUE(listFromFiles(Machine(tree.root())).pathClosed) << path;
+        }
+        tree.permit(path, 0755);
+    }
 }
 
 TEST(ZoneWords, StatesHaveTheirWords)

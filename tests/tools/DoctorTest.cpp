@@ -1,4 +1,5 @@
 #include "Doctor/Doctor.h"
+#include "AnotherUser.h"
 #include "Doctor/FindingIds.h"
 #include "TemporaryTree.h"
 
@@ -103,6 +104,42 @@ TEST(Examine, NoContainerAtAllIsAProblem)
     EXPECT_NE(findingCalled(examine(Machine(tree.root())), FindingIds::LXC_PATH_MISSING), nullptr);
     tree.makeDirectory("/var/lib/lxc");
     EXPECT_NE(findingCalled(examine(Machine(tree.root())), FindingIds::CONTAINERS_NONE), nullptr);
+}
+
+TEST(Examine, WhatThisUserMayNotReadIsNeitherRefusedNorTaken)
+{
+    const TemporaryTree tree;
+    makeHybridZone(tree, "good");
+    makeHybridZone(tree, "closed");
+    makeHybridZone(tree, "closed-too");
+    tree.permit("/var/lib/lxc/closed/config", 0600);
+    tree.permit("/var/lib/lxc/closed-too", 0700);
+    const AnotherUser user;
+    const Diagnosis diagnosis = examine(Machine(tree.root()));
+    EXPECT_EQ(diagnosis.listed, 3U);
+    EXPECT_EQ(diagnosis.unjudged, 2U);
+    EXPECT_FALSE(diagnosis.automaticStartBlocked());
+    EXPECT_EQ(findingCalled(diagnosis, FindingIds::AUTOSTART), nullptr);
+    const Diagnosed* note = findingCalled(diagnosis, FindingIds::CONTAINER_UNREADABLE);
+    ASSERT_NE(note, nullptr) << "one for both";
+    EXPECT_EQ(note->severity, Severity::Note);
+    EXPECT_NE(note->text.find("closed, closed-too"), std::string::npos) << note->text;
+    EXPECT_EQ(note->remedy, "sudo zonectl doctor --root " + tree.root());
+}
+
+TEST(Examine, AContainerWithAHiddenDirectoryIsNotJudged)
+{
+    const TemporaryTree tree;
+    makeHybridZone(tree, "good");
+    tree.makeDirectory("/opt/var/lib/lxc/good");
+    tree.permit("/opt/var/lib/lxc/good", 0700);
+    const AnotherUser user;
+    const Diagnosis diagnosis = examine(Machine(tree.root()));
+    EXPECT_EQ(diagnosis.unjudged, 1U);
+    EXPECT_FALSE(diagnosis.automaticStartBlocked());
+    EXPECT_EQ(findingCalled(diagnosis, FindingIds::CONTAINER), nullptr);
+    EXPECT_NE(findingCalled(diagnosis, FindingIds::CONTAINER_UNREADABLE), nullptr);
+    EXPECT_EQ(findingCalled(diagnosis, FindingIds::AUTOSTART), nullptr);
 }
 
 TEST(Examine, WarnsOfTheDistributionsOwnUnits)

@@ -35,6 +35,7 @@ const JudgeCase CASES[] = {
     {"lenient, other label", LENIENT, {true, "x", true, true}, false, LabelVerdict::NotEnforced},
     {"lenient, made", LENIENT, {false, {}, false, true}, false, LabelVerdict::WillBeCreated},
     {"never made", NEVER_MADE, {false, {}, false, false}, true, LabelVerdict::Missing},
+    {"not to be seen", ENFORCED, {false, {}, false, false, true}, true, LabelVerdict::Unknown},
 };
 
 } // namespace
@@ -48,7 +49,7 @@ TEST(Judge, FollowsTheDaemon)
 
 TEST(Judge, EveryVerdictHasAText)
 {
-    for (int value = 0; value <= static_cast<int>(LabelVerdict::ReadOnly); ++value) {
+    for (int value = 0; value <= static_cast<int>(LabelVerdict::Unknown); ++value) {
         EXPECT_FALSE(verdictText(static_cast<LabelVerdict>(value)).empty()) << value;
     }
     EXPECT_TRUE(isGood(LabelVerdict::WillBeSet));

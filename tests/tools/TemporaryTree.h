@@ -39,6 +39,13 @@ public:
         std::ofstream(directory + path) << text;
     }
 
+    /// Who may do what with the path, and that others may come as far as there.
+    void permit(const std::string& path, unsigned int mode) const
+    {
+        std::filesystem::permissions(directory, std::filesystem::perms(0755));
+        std::filesystem::permissions(directory + path, std::filesystem::perms(mode));
+    }
+
 private:
     std::string directory;
 };

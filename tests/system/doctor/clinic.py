@@ -71,6 +71,14 @@ class Clinic:
     def zonectl(self, *arguments):
         return self.root.run([ZONECTL, *arguments], check=False)
 
+    def zonectl_of_another_user(self, *arguments):
+        """What somebody sees who is not root; whether or not they may go where it was built."""
+        copy = "/usr/local/bin/zonectl-for-all"
+        self.root.run(["install", "-m", "755", ZONECTL, copy])
+        return self.root.run(
+            ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", copy, *arguments], check=False
+        )
+
     def examine(self, *options):
         return Report(self.zonectl("doctor", "--json", *options))
 

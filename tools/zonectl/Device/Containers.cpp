@@ -23,26 +23,35 @@ constexpr std::string_view BLANKS = " \t\r";
     return text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
 }
 
+/// The lines of a configuration.
+struct CollectedLines
+{
+    std::vector<ConfigLine> lines{};
+    bool complete = true; ///< but for what this user may not read
+};
+
 /// The lines of a file and, in their places, those of the files and directories that it includes.
-void collectLines(const Machine& machine, const std::string& path, int depth, std::vector<ConfigLine>& lines)
+void collectLines(const Machine& machine, const std::string& path, int depth, CollectedLines& collected)
 {
     if (depth > DEEPEST_INCLUDE) {
         return; // files that include each other
     }
+    collected.complete = collected.complete && !machine.closed(path);
     for (ConfigLine& line : parseConfig(machine.read(path).value_or(""))) {
         if (line.first == KIND_KEY && depth > 0) {
             line.first = INCLUDED_KIND; // counts only in the container's own file
         }
         if (line.first != "lxc.include") {
-            lines.push_back(std::move(line));
+            collected.lines.push_back(std::move(line));
         } else if (machine.isDirectory(line.second)) {
+            collected.complete = collected.complete && !machine.closed(line.second);
             for (const std::string& name : machine.entries(line.second)) {
                 if (name.ends_with(".conf")) {
-                    collectLines(machine, line.second + "/" + name, depth + 1, lines);
+                    collectLines(machine, line.second + "/" + name, depth + 1, collected);
                 }
             }
         } else {
-            collectLines(machine, line.second, depth + 1, lines);
+            collectLines(machine, line.second, depth + 1, collected);
         }
     }
 }
@@ -118,12 +127,13 @@ std::string configPath(const std::string& lxcPath, const std::string& name)
 
 ContainerInfo readContainer(const Machine& machine, const std::string& lxcPath, const std::string& name)
 {
-    std::vector<ConfigLine> lines;
-    collectLines(machine, configPath(lxcPath, name), 0, lines);
+    CollectedLines collected;
+    collectLines(machine, configPath(lxcPath, name), 0, collected);
     ContainerInfo container;
     container.name = name;
+    container.unreadable = !collected.complete;
     std::string librarysOwnKind;
-    for (const auto& [key, value] : lines) {
+    for (const auto& [key, value] : collected.lines) {
         if (key == KIND_KEY) {
             container.kindText = value;
         } else if (key == INCLUDED_KIND) {
@@ -159,8 +169,18 @@ ContainerListing listFromFiles(const Machine& machine)
 {
     ContainerListing listing;
     listing.lxcPath = configuredLxcPath(machine);
-    for (const std::string& name : configuredNames(machine, listing.lxcPath)) {
-        listing.containers.push_back(readContainer(machine, listing.lxcPath, name));
+    listing.pathClosed = machine.closed(listing.lxcPath);
+    for (const std::string& name : machine.entries(listing.lxcPath)) {
+        const std::string config = configPath(listing.lxcPath, name);
+        if (!machine.exists(config) && !machine.hidden(config)) {
+            continue;
+        }
+        ContainerInfo container = readContainer(machine, listing.lxcPath, name);
+        if (container.unreadable) {
+            listing.unreadable.push_back(name);
+        } else {
+            listing.containers.push_back(std::move(container));
+        }
     }
     return listing;
 }

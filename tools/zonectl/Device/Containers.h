@@ -26,6 +26,7 @@ struct ContainerInfo
     std::string monitorCgroup;   ///< "lxc.cgroup.dir.monitor"
     std::string pivotCgroup;     ///< "lxc.cgroup.dir.monitor.pivot"
     bool hasLibraryKey = false;  ///< the line "lxc.container_type", which stock liblxc does not know
+    bool unreadable = false;     ///< this user may not read all of it
 
     /// Whether the file names a kind and liblxc does not tell it.
     [[nodiscard]] bool kindIsUntold() const;
@@ -34,9 +35,11 @@ struct ContainerInfo
 /// The containers that are defined below one LXC path.
 struct ContainerListing
 {
-    std::string lxcPath;
-    std::vector<ContainerInfo> containers;
-    std::vector<std::string> unloadable; ///< with a configuration that liblxc refuses whole
+    std::string lxcPath{};
+    std::vector<ContainerInfo> containers{};
+    std::vector<std::string> unloadable{}; ///< with a configuration that liblxc refuses whole
+    std::vector<std::string> unreadable{}; ///< with a configuration that this user may not read
+    bool pathClosed = false;               ///< this user may not look into the path at all
 };
 
 /// One "key = value" line.
@@ -58,7 +61,8 @@ using ConfigLine = std::pair<std::string, std::string>;
 /// The names of the directories below the path that hold a configuration file.
 [[nodiscard]] std::vector<std::string> configuredNames(const Machine& machine, const std::string& lxcPath);
 
-/// Lists the containers by their configuration files alone, for a system whose liblxc cannot be asked.
+/// Lists the containers by their configuration files alone, for a system whose liblxc cannot be asked. A
+/// directory that this user may not look into may be a container's.
 [[nodiscard]] ContainerListing listFromFiles(const Machine& machine);
 
 } // namespace Zonectl

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -12,6 +13,7 @@
 #include <sys/statvfs.h>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 namespace Zonectl {
 
@@ -29,6 +31,12 @@ constexpr mode_t PERMISSIONS = 07777;
     return status;
 }
 
+/// Whether the user may not have the access, as opposed to there being nothing.
+[[nodiscard]] bool isDenied(const std::string& path, int mode)
+{
+    return faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) != 0 && errno == EACCES;
+}
+
 } // namespace
 
 bool Machine::exists(const std::string& path) const
@@ -40,6 +48,16 @@ bool Machine::entryExists(const std::string& path) const
 {
     struct stat found = {};
     return lstat(at(path).c_str(), &found) == 0;
+}
+
+bool Machine::hidden(const std::string& path) const
+{
+    return isDenied(at(path), F_OK);
+}
+
+bool Machine::closed(const std::string& path) const
+{
+    return isDenied(at(path), R_OK);
 }
 
 bool Machine::isProgram(const std::string& path) const

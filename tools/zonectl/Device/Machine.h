@@ -51,6 +51,10 @@ public:
     [[nodiscard]] bool exists(const std::string& path) const;
     /// Whether there is anything of that name, a dangling link included.
     [[nodiscard]] bool entryExists(const std::string& path) const;
+    /// Whether this user may not see if there is anything of that name.
+    [[nodiscard]] bool hidden(const std::string& path) const;
+    /// Whether this user may not read what is there, or may not see if there is anything.
+    [[nodiscard]] bool closed(const std::string& path) const;
     /// Whether the path is a regular file that somebody may execute.
     [[nodiscard]] bool isProgram(const std::string& path) const;
     [[nodiscard]] bool isDirectory(const std::string& path) const;

@@ -54,7 +54,8 @@ bool Diagnosis::hasProblems() const
 Examination::Examination(const Machine& examined)
     : machine(examined), smackKernel(kernelHasSmack()), listing(listContainers(examined))
 {
-    diagnosis.listed = listing.containers.size();
+    diagnosis.listed = listing.containers.size() + listing.unreadable.size();
+    diagnosis.unjudged = listing.unreadable.size();
 }
 
 void Examination::add(Diagnosed finding)
@@ -73,6 +74,11 @@ void Examination::addOk(std::string_view id, std::string subject, std::string te
 std::string Examination::word(const std::string& path) const
 {
     return shellWord(machine.rootDirectory() + path);
+}
+
+std::string Examination::asRoot() const
+{
+    return "sudo zonectl doctor" + (machine.live() ? "" : " --root " + shellWord(machine.rootDirectory()));
 }
 
 bool Examination::systemdRuns() const

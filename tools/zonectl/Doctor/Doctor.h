@@ -35,7 +35,8 @@ struct Diagnosis
 {
     std::vector<Diagnosed> findings;
     std::vector<RefusedContainer> refused;
-    std::size_t listed = 0; ///< containers that the daemon counts
+    std::size_t listed = 0;   ///< containers that the daemon counts
+    std::size_t unjudged = 0; ///< those of them that this user may not see enough of
 
     /// The daemon waits for as many zones as containers are listed before it asks for the first start. A
     /// refused one keeps all from being started automatically, until a zone reaches RUNNING some other way.

@@ -36,7 +36,8 @@ void printHeadline(const Diagnosis& diagnosis, const Style& style)
         return;
     }
     std::cout << style.paint(Tone::Alarm, "*** NOTHING STARTS AUTOMATICALLY ***") << "\n"
-              << diagnosis.listed << " containers are listed, " << usable
+              << diagnosis.listed << " containers are listed, " << (diagnosis.unjudged > 0 ? "at most " : "")
+              << usable
               << " of them become zones. The daemon waits for as many zones as\n"
                  "containers are listed before it starts the first marked one, and a refused one never\n"
                  "comes. So NOTHING is started automatically until some zone reaches RUNNING another way,\n"

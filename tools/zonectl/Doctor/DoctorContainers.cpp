@@ -72,6 +72,29 @@ void addUnloadable(Examination& examination, const std::string& name)
            shellWord(lxcPath) + "/$NAME/config # zone.config(5) tells of the lines";
 }
 
+// cppcheck-suppress constParameter; it does not see through the designated initialisers of add()
+void addUnreadable(Examination& examination, const std::string& what)
+{
+    examination.add({.id = FindingIds::CONTAINER_UNREADABLE,
+                     .subject = "containers",
+                     .severity = Severity::Note,
+                     .text = what + " cannot be judged",
+                     .remedy = examination.asRoot()});
+}
+
+/// The containers whose configuration only root may read, in one note.
+void checkUnreadable(Examination& examination)
+{
+    std::string names;
+    for (const std::string& name : examination.listing.unreadable) {
+        names += (names.empty() ? "" : ", ") + name;
+    }
+    if (!names.empty()) {
+        addUnreadable(examination, "the configuration of " + names +
+                                       " cannot be read by this user: whether the daemon takes it");
+    }
+}
+
 /// Whether there is a container path to look into.
 [[nodiscard]] bool checkLxcPath(Examination& examination)
 {
@@ -83,6 +106,10 @@ void addUnloadable(Examination& examination, const std::string& name)
                          .text = "liblxc names no path: the daemon ends at start-up",
                          .remedy = "a line 'lxc.lxcpath = /var/lib/lxc' in " + std::string(LXC_CONFIGURATION),
                          .message = "Failed to get lxc base path"});
+        return false;
+    }
+    if (examination.listing.pathClosed) {
+        addUnreadable(examination, path + " cannot be read by this user: what is defined there");
         return false;
     }
     if (examination.machine.isDirectory(path)) {
@@ -115,14 +142,16 @@ void checkContainers(Examination& examination)
     for (const ContainerInfo& container : listing.containers) {
         checkContainer(examination, container);
     }
-    if (listing.containers.empty()) {
+    checkUnreadable(examination);
+    if (listing.containers.empty() && listing.unreadable.empty()) {
         examination.add({.id = FindingIds::CONTAINERS_NONE,
                          .subject = "containers",
                          .severity = Severity::Problem,
                          .text = "none is defined: the daemon ends at start-up",
                          .remedy = definition(examination),
                          .message = "lxc containers (base path : " + listing.lxcPath + ")"});
-    } else if (checkZonesOfDaemon(examination) && !examination.diagnosis.automaticStartBlocked()) {
+    } else if (checkZonesOfDaemon(examination) && !examination.diagnosis.automaticStartBlocked() &&
+               examination.diagnosis.unjudged == 0) {
         examination.addOk(FindingIds::AUTOSTART, "automatic start", "every listed container becomes a zone");
     }
 }

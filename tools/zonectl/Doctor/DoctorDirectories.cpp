@@ -85,9 +85,26 @@ void addBadVerdict(Examination& examination, const LabelRule& rule, LabelVerdict
     examination.add(std::move(finding));
 }
 
+/// Whether this user sees as much of the path as it takes to judge it; what cannot be judged is told.
+[[nodiscard]] bool checkSeen(Examination& examination, const std::string& path)
+{
+    if (!examination.machine.hidden(path)) {
+        return true;
+    }
+    examination.add({.id = FindingIds::DIRECTORY_HIDDEN,
+                     .subject = path,
+                     .severity = Severity::Note,
+                     .text = "cannot be seen by this user, and cannot be judged",
+                     .remedy = examination.asRoot()});
+    return false;
+}
+
 /// Whether the rule's path is as it should be; what is not is told.
 [[nodiscard]] bool checkRule(Examination& examination, const LabelRule& rule)
 {
+    if (!checkSeen(examination, rule.path)) {
+        return false;
+    }
     const Repair firstLabel{.kind = Repair::Kind::SetLabel, .path = rule.path, .value = rule.wanted};
     if (!checkIsDirectory(examination, rule.path, costOf(rule), {firstLabel}) ||
         !checkFileSystem(examination, rule)) {
@@ -240,7 +257,7 @@ void checkWritableBase(Examination& examination)
                               ": every zone whose directories are not there yet is refused"};
     if (examination.machine.isDirectory(base)) {
         examination.addOk(FindingIds::DIRECTORY, base, "ok");
-    } else if (checkIsDirectory(examination, base, REFUSES, {})) {
+    } else if (checkSeen(examination, base) && checkIsDirectory(examination, base, REFUSES, {})) {
         examination.add({.id = FindingIds::DIRECTORY_MISSING,
                          .subject = base,
                          .severity = REFUSES.severity,

@@ -73,7 +73,13 @@ void checkLauncher(Examination& examination)
 {
     const Machine& machine = examination.machine;
     const std::string path = Names::LAUNCHER;
-    if (!machine.entryExists(path)) {
+    if (machine.closed(path)) {
+        examination.add({.id = FindingIds::LAUNCHER_UNREADABLE,
+                         .subject = SUBJECT,
+                         .severity = Severity::Note,
+                         .text = path + " cannot be read by this user, and cannot be judged",
+                         .remedy = examination.asRoot()});
+    } else if (!machine.entryExists(path)) {
         addProblem(examination, FindingIds::LAUNCHER_MISSING, path + " is missing", "install the package");
     } else if (!machine.exists(path)) {
         addProblem(examination, FindingIds::LAUNCHER_DANGLING,

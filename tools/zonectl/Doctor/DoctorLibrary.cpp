@@ -43,10 +43,12 @@ void addProblem(Examination& examination, std::string_view id, std::string text,
 // cppcheck-suppress constParameter; it does not see through the designated initialisers of add()
 void checkUntried(Examination& examination, const std::string& path)
 {
-    examination.add({.id = FindingIds::LIBRARY_UNTRIED,
-                     .subject = SUBJECT,
-                     .severity = Severity::Note,
-                     .text = path + " is there; it is tried only on the running machine, by root"});
+    examination.add(
+        {.id = FindingIds::LIBRARY_UNTRIED,
+         .subject = SUBJECT,
+         .severity = Severity::Note,
+         .text = path + (examination.machine.hidden(path) ? " cannot be seen by this user" : " is there") +
+                 "; it is tried only on the running machine, by root"});
 }
 
 /// The containers whose file names a kind that the library does not tell.
@@ -93,7 +95,7 @@ void tryLibrary(Examination& examination, const std::string& path)
 void checkLibrary(Examination& examination)
 {
     const std::string path = Names::LXC_LIBRARY;
-    if (!examination.machine.exists(path)) {
+    if (!examination.machine.exists(path) && !examination.machine.hidden(path)) {
         addProblem(examination, FindingIds::LIBRARY_MISSING,
                    path +
                        " is missing: the daemon is loaded with the distribution's liblxc, if there is one, "

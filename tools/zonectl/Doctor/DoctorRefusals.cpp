@@ -23,17 +23,20 @@ public:
         refusal.name = container.name;
     }
 
-    /// Returns whether the daemon takes it.
+    /// Returns whether the daemon takes it, as far as this user may see.
     [[nodiscard]] bool run()
     {
         checkKind();
         checkPaths();
         checkRootfs();
-        if (refusal.reasons.empty()) {
-            return true;
+        if (!refusal.reasons.empty()) {
+            examination.diagnosis.refused.push_back(std::move(refusal));
+            return false;
         }
-        examination.diagnosis.refused.push_back(std::move(refusal));
-        return false;
+        if (!hiddenPath.empty()) {
+            addUnjudged();
+        }
+        return hiddenPath.empty();
     }
 
 private:
@@ -85,7 +88,10 @@ private:
         for (const LabelRule& rule : zoneRules(examination.listing.lxcPath, container)) {
             const LabelVerdict verdict =
                 judge(rule, factsAbout(rule, examination.machine), examination.smackKernel);
-            if (isGood(verdict)) {
+            if (verdict == LabelVerdict::Unknown) {
+                hiddenPath = rule.path;
+            }
+            if (isGood(verdict) || verdict == LabelVerdict::Unknown) {
                 continue;
             }
             const std::string reason = rule.path + ": " + std::string(verdictText(verdict));
@@ -139,10 +145,22 @@ private:
         }
     }
 
+    /// Nothing speaks against it, and not everything was seen.
+    void addUnjudged()
+    {
+        ++examination.diagnosis.unjudged;
+        examination.add({.id = FindingIds::CONTAINER_UNREADABLE,
+                         .subject = container.name,
+                         .severity = Severity::Note,
+                         .text = "cannot be judged: " + hiddenPath + " cannot be seen by this user",
+                         .remedy = examination.asRoot()});
+    }
+
     Examination& examination;
     const ContainerInfo& container;
     std::string config;
     RefusedContainer refusal{};
+    std::string hiddenPath{}; ///< one that this user may not see; empty when there is none
 };
 
 } // namespace

@@ -6,6 +6,7 @@
 #include <array>
 #include <map>
 #include <set>
+#include <unistd.h>
 
 namespace Zonectl {
 
@@ -147,11 +148,14 @@ private:
 
     void addSilent(const std::string& why)
     {
-        examination.add({.id = FindingIds::DAEMON_SILENT,
-                         .subject = "zones",
-                         .severity = Severity::Warning,
-                         .text = "the daemon was not asked which zones it has: " + why,
-                         .remedy = "zonectl list # tells which zone's LXC monitor holds it up, if one does"});
+        examination.add(
+            {.id = FindingIds::DAEMON_SILENT,
+             .subject = "zones",
+             .severity = Severity::Warning,
+             .text = "the daemon was not asked which zones it has: " + why,
+             .remedy = geteuid() == 0
+                           ? "zonectl list # tells which zone's LXC monitor holds it up, if one does"
+                           : examination.asRoot()});
     }
 
     Examination& examination;

@@ -47,8 +47,8 @@ private:
     {
         const std::string usual = examination.listing.lxcPath + "/" + container.name + "/rootfs";
         const std::string& path = container.rootfsPath;
-        if (!path.starts_with('/') || examination.machine.exists(path)) {
-            return; // in a form that only liblxc understands, or there
+        if (!path.starts_with('/') || examination.machine.exists(path) || examination.machine.hidden(path)) {
+            return; // in a form that only liblxc understands, or there, or for root alone to say
         }
         add({.id = FindingIds::CONTAINER_ROOTFS,
              .severity = container.autoStart ? Severity::Problem : Severity::Warning,

@@ -27,6 +27,9 @@ struct Examination
     /// The system's path as a word of a shell command.
     [[nodiscard]] std::string word(const std::string& path) const;
 
+    /// The command with which root sees what this user does not.
+    [[nodiscard]] std::string asRoot() const;
+
     /// Whether systemctl can start and end what runs on the machine.
     [[nodiscard]] bool systemdRuns() const;
 };

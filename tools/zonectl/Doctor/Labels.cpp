@@ -58,6 +58,7 @@ bool isGood(LabelVerdict verdict)
     case LabelVerdict::Missing:
     case LabelVerdict::NoLabel:
     case LabelVerdict::ReadOnly:
+    case LabelVerdict::Unknown:
         break;
     }
     return false;
@@ -80,12 +81,17 @@ std::string_view verdictText(LabelVerdict verdict)
         return "needs a first label";
     case LabelVerdict::ReadOnly:
         return "read-only mount";
+    case LabelVerdict::Unknown:
+        return "cannot be seen by this user";
     }
     return "";
 }
 
 LabelVerdict judge(const LabelRule& rule, const PathFacts& facts, bool smackKernel)
 {
+    if (facts.hidden) {
+        return LabelVerdict::Unknown;
+    }
     if (!facts.exists) {
         return judgeMissing(rule, facts, smackKernel);
     }
@@ -129,6 +135,7 @@ std::vector<LabelRule> zoneRules(const std::string& lxcPath, const ContainerInfo
 PathFacts factsAbout(const LabelRule& rule, const Machine& machine)
 {
     PathFacts facts;
+    facts.hidden = machine.hidden(rule.path);
     facts.exists = machine.exists(rule.path);
     facts.label = machine.label(rule.path);
     facts.baseExists = !rule.creatable.empty() && machine.isDirectory(rule.creatable);

@@ -36,6 +36,7 @@ struct PathFacts
     std::optional<std::string> label;
     bool readOnly = false;   ///< the path, or where it would be made, lies on a read-only mount
     bool baseExists = false; ///< `LabelRule::creatable` names an existing directory
+    bool hidden = false;     ///< this user may not see whether the path is there
 };
 
 /// How a rule will fare at the daemon's next start.
@@ -48,6 +49,7 @@ enum class LabelVerdict
     Missing,  ///< and nobody makes it
     NoLabel,  ///< the daemon never gives a first label
     ReadOnly, ///< must be changed, and cannot be
+    Unknown,  ///< only a user who may see the path can tell
 };
 
 /// Whether the daemon gets what the rule wants.
