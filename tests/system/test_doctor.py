@@ -219,6 +219,38 @@ def test_who_may_not_ask_the_daemon_is_told_that_it_was_not_asked(clinic):
     assert ("daemon.silent", "zones", "warning") in told(seen_by_another(clinic)[0])
 
 
+@pytest.mark.parametrize("options", [(), ("--tmpfiles",)])
+def test_containers_whose_labels_are_not_known_are_named(clinic, options):
+    assert clinic.zonectl("labels", *options).returncode == 0
+    clinic.shell(f"echo 'lxc.tty.max = many' >>{RED}/config")
+    result = clinic.zonectl("labels", *options)
+    assert (result.returncode, result.stderr) == (
+        1, "zonectl: left out red: liblxc refuses its configuration\n")
+    assert "/opt/var/lib/lxc/blue" in result.stdout and "/red" not in result.stdout
+
+
+def test_another_user_is_told_whose_labels_stay_unknown(clinic):
+    clinic.shell("chmod 644 /var/lib/lxc/*/config; chmod 640 /var/lib/lxc/[br]*/config")
+    result = clinic.zonectl_of_another_user("labels")
+    assert (result.returncode, result.stderr) == (1, "".join(
+        f"zonectl: left out {name}: this user may not read its configuration\n" for name in ("blue", "red")))
+    clinic.shell("chmod 644 /var/lib/lxc/*/config; chmod 700 /opt/var/lib/lxc/blue")
+    try:
+        result = clinic.zonectl_of_another_user("labels")
+    finally:
+        clinic.shell("chmod 755 /opt/var/lib/lxc/blue")
+    assert (result.returncode, result.stderr) == (1, "")
+    (line,) = [line for line in result.stdout.splitlines() if line.startswith("/opt/var/lib/lxc/blue/opt")]
+    assert line.endswith("cannot be seen by this user")
+    clinic.shell("chmod 700 /var/lib/lxc")
+    try:
+        result = clinic.zonectl_of_another_user("labels")
+    finally:
+        clinic.shell("chmod 755 /var/lib/lxc")
+    assert (result.returncode, result.stderr) == (
+        1, "zonectl: left out what is defined below /var/lib/lxc: this user may not look there\n")
+
+
 def test_a_healthy_machine_and_its_daemon(clinic):
     report = clinic.examine()
     assert (report.status, report.ids, report.data["ok"]) == (0, (), True)

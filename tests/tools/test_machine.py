@@ -206,6 +206,19 @@ def test_the_lines_for_tmpfiles_take_nothing_from_a_zone(machine):
     assert (status.st_mode & 0o7777, status.st_uid, status.st_gid) == (0o770, 1000, 1000)
 
 
+@pytest.mark.parametrize("options", [(), ("--json",), ("--tmpfiles",)])
+def test_containers_without_labels_are_named(machine, options):
+    complete = bus_fixtures.zonectl("labels", *options, "--root", str(machine))
+    assert (complete.returncode, complete.stderr) == (0, "")
+    container(machine, "none", None)
+    container(machine, "bad", "4")
+    result = bus_fixtures.zonectl("labels", *options, "--root", str(machine))
+    assert (result.returncode, result.stdout) == (1, complete.stdout), "the rest is printed all the same"
+    assert result.stderr.splitlines() == [
+        "zonectl: left out bad: its configuration names no valid kind (zone.container_type = 4)",
+        "zonectl: left out none: its configuration names no valid kind (zone.container_type)"]
+
+
 def test_the_lines_for_tmpfiles_are_no_json(machine):
     result = bus_fixtures.zonectl("labels", "--tmpfiles", "--json", "--root", str(machine))
     assert (result.returncode, result.stdout) == (2, "") and "--tmpfiles" in result.stderr

@@ -31,11 +31,51 @@ struct LabelView
     return rules;
 }
 
-[[nodiscard]] std::vector<LabelView> collect(const Machine& machine)
+[[nodiscard]] std::string whyWithoutRules(const ContainerInfo& container)
+{
+    if (container.kindIsUntold()) {
+        return "liblxc does not tell its kind";
+    }
+    return "its configuration names no valid kind (zone.container_type" +
+           (container.kindText.empty() ? ")" : " = " + container.kindText + ")");
+}
+
+/// The containers for which no label is known, each with the reason.
+[[nodiscard]] std::vector<std::string> leftOut(const ContainerListing& listing)
+{
+    std::vector<std::string> texts;
+    if (listing.pathClosed) {
+        texts.push_back("what is defined below " + listing.lxcPath + ": this user may not look there");
+    }
+    for (const ContainerInfo& container : listing.containers) {
+        if (container.kind == ZUP::ZONE_TYPE_NONE) {
+            texts.push_back(container.name + ": " + whyWithoutRules(container));
+        }
+    }
+    for (const std::string& name : listing.unloadable) {
+        texts.push_back(name + ": liblxc refuses its configuration");
+    }
+    for (const std::string& name : listing.unreadable) {
+        texts.push_back(name + ": this user may not read its configuration");
+    }
+    return texts;
+}
+
+/// Returns whether a container was left out.
+[[nodiscard]] bool tellLeftOut(const ContainerListing& listing)
+{
+    const std::vector<std::string> texts = leftOut(listing);
+    for (const std::string& text : texts) {
+        std::cerr << "zonectl: left out " << printable(text) << "\n";
+    }
+    return !texts.empty();
+}
+
+[[nodiscard]] std::vector<LabelView> collect(const Machine& machine, const ContainerListing& listing)
 {
     const bool smackKernel = kernelHasSmack();
     std::vector<LabelView> views;
-    for (LabelRule& rule : rulesFor(listContainers(machine))) {
+    for (LabelRule& rule : rulesFor(listing)) {
         const PathFacts facts = factsAbout(rule, machine);
         const LabelVerdict verdict = judge(rule, facts, smackKernel);
         views.push_back({std::move(rule), facts, verdict});
@@ -62,6 +102,9 @@ struct LabelView
     std::string text(verdictText(view.verdict));
     if (isGood(view.verdict)) {
         return {text, Tone::Good};
+    }
+    if (view.verdict == LabelVerdict::Unknown) {
+        return {text, Tone::Warning};
     }
     const bool mild = view.rule.consequence == Consequence::Logged;
     return {text + std::string(costOf(view.rule.consequence)), mild ? Tone::Warning : Tone::Bad};
@@ -94,34 +137,32 @@ void printJson(const std::vector<LabelView>& views)
     std::cout << json.endArray().finish(JsonWriter::Layout::Indented) << "\n";
 }
 
-void printTmpfiles(const Machine& machine, const Options& options)
+/// Prints the rules with what they meet. Returns whether the daemon gets what it cannot do without.
+[[nodiscard]] bool printViews(const std::vector<LabelView>& views, const Options& options, const Style& style)
 {
-    if (options.json) {
-        throw Failure(EXIT_USAGE, "--tmpfiles and --json do not go together");
-    }
-    const ContainerListing listing = listContainers(machine);
-    std::cout << tmpfilesLines(rulesFor(listing), listing.lxcPath);
+    options.json ? printJson(views) : printTable(views, style);
+    return std::none_of(views.begin(), views.end(), [](const LabelView& view) {
+        return !isGood(view.verdict) && view.rule.consequence != Consequence::Logged;
+    });
 }
 
 } // namespace
 
 ExitStatus labelsCommand(const Options& options, const Style& style)
 {
+    if (options.tmpfiles && options.json) {
+        throw Failure(EXIT_USAGE, "--tmpfiles and --json do not go together");
+    }
     const Machine machine(options.root);
+    const ContainerListing listing = listContainers(machine);
+    bool good = true;
     if (options.tmpfiles) {
-        printTmpfiles(machine, options);
-        return EXIT_OK;
-    }
-    const std::vector<LabelView> views = collect(machine);
-    if (options.json) {
-        printJson(views);
+        std::cout << tmpfilesLines(rulesFor(listing), listing.lxcPath);
     } else {
-        printTable(views, style);
+        good = printViews(collect(machine, listing), options, style);
     }
-    const bool bad = std::any_of(views.begin(), views.end(), [](const LabelView& view) {
-        return !isGood(view.verdict) && view.rule.consequence != Consequence::Logged;
-    });
-    return bad ? EXIT_FAILED : EXIT_OK;
+    const bool complete = !tellLeftOut(listing);
+    return good && complete ? EXIT_OK : EXIT_FAILED;
 }
 
 } // namespace Zonectl
