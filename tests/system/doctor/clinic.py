@@ -137,6 +137,10 @@ class Clinic:
             assert self.daemon.stop() == 0
 
     def daemon_starts_its_zones(self):
+        """The witness that is not the doctor. A zone that runs already would be none, and would let the
+        daemon be ended before its main loop runs."""
+        for name in ("red", "blue"):
+            assert self.zones.state(name) == "STOPPED", name
         self.daemon.start()
         for name in ("red", "blue"):
             eventually(lambda name=name: self.zones.state(name) == "RUNNING", 20, f"{name} to run")
