@@ -128,6 +128,18 @@ def test_the_first_zone_is_defined_by_the_remedy(root, zones, bus, daemon, break
     eventually(lambda: zones.state("red") == "RUNNING", 20, "red to run")
 
 
+APT = 'apt() { [ "$*" = "install busybox-static" ] && mv /root/busybox /bin; }'
+
+
+def test_what_the_first_zone_is_made_of_is_installed_before(root, zones):
+    root.run('mkdir -p /var/lib/lxc; mv "$(command -v busybox)" /root/busybox')
+    report = Report(root.run([ZONECTL, "doctor", "--json"], check=False))
+    (finding,) = [each for each in report.bad if each["id"] == "containers.none"]
+    assert finding["remedy"].startswith("apt install busybox-static; NAME=red; lxc-create ")
+    root.run(f"{APT}; {finding['remedy']}")
+    assert root.exists("/var/lib/lxc/red/rootfs/bin/busybox")
+
+
 def begin(clinic):
     """Starts the daemon; when it is on the bus, it has its zones."""
     clinic.daemon.start()

@@ -2,6 +2,9 @@
 #include "Daemon/ZoneWords.h"
 #include "Doctor/Examination.h"
 
+#include <algorithm>
+#include <array>
+
 namespace Zonectl {
 
 namespace {
@@ -55,6 +58,16 @@ void addUnloadable(Examination& examination, const std::string& name)
                      .repairs = std::move(repairs)});
 }
 
+/// Whether there is what a busybox container is made of.
+[[nodiscard]] bool hasBusybox(const Machine& machine)
+{
+    constexpr std::array DIRECTORIES = {"/usr/local/sbin", "/usr/local/bin", "/usr/sbin",
+                                        "/usr/bin",        "/sbin",          "/bin"};
+    return std::any_of(DIRECTORIES.begin(), DIRECTORIES.end(), [&machine](const char* directory) {
+        return machine.isProgram(std::string(directory) + "/busybox");
+    });
+}
+
 /// The commands that define a first zone, of the kind that needs no labels of its own. Without the
 /// distribution's defaults, whose network needs a bridge that need not be there.
 [[nodiscard]] std::string definition(const Examination& examination)
@@ -63,7 +76,8 @@ void addUnloadable(Examination& examination, const std::string& name)
         return "define one there, as in the examples of zone.config(5)";
     }
     const std::string& lxcPath = examination.listing.lxcPath;
-    return "NAME=red; lxc-create -n $NAME -t busybox -f /dev/null && printf '%s\\n'"
+    return std::string(hasBusybox(examination.machine) ? "" : "apt install busybox-static; ") +
+           "NAME=red; lxc-create -n $NAME -t busybox -f /dev/null && printf '%s\\n'"
            " 'zone.container_type = hybrid' 'lxc.net.0.type = empty'"
            " \"lxc.cgroup.dir.container = lxc.payload/$NAME\""
            " \"lxc.cgroup.dir.monitor = lxc.monitor/$NAME\""
