@@ -110,6 +110,8 @@ def test_with_systemd_it_is_asked(clinic):
     try:
         assert {finding["remedy"] for finding in clinic.examine().bad} == {
             "systemctl restart zone-manager", "systemctl disable --now lxc-monitord.service"}
+        (monitord,) = [each for each in clinic.examine().bad if each["id"] == "unit.lxc-monitord"]
+        assert "systemd stops the zone manager and does not start it again" in monitord["text"]
     finally:
         clinic.shell(f"mv /root/red /var/lib/lxc; rm -r /run/systemd {WANTS}/lxc-monitord.service")
 

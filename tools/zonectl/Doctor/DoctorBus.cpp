@@ -29,10 +29,12 @@ constexpr std::array OTHER_UNITS = {
     UnitRow{FindingIds::UNIT_LXC, "lxc.service",
             "is enabled: it starts the same containers at boot, all at once, and stops them at its end",
             false},
-    UnitRow{FindingIds::UNIT_MONITORD, "lxc-monitord.service",
-            "is enabled: it takes the state messages when it comes first, and the daemon ends then; only "
-            "zone-manager.service ends it before",
-            true},
+    UnitRow{
+        FindingIds::UNIT_MONITORD, "lxc-monitord.service",
+        "is enabled: it takes the state messages when it comes first, and the daemon ends then. It and "
+        "zone-manager.service end each other: where it is started later, as at each upgrade of the package "
+        "lxc, systemd stops the zone manager and does not start it again",
+        true},
 };
 
 /// The command after which the unit is started no more, and has ended where it must.
