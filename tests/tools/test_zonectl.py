@@ -1,7 +1,9 @@
 """The shipped zonectl against a mock zone manager on a private bus."""
 
+import json
 import os
 import pty
+import socket
 import subprocess
 
 import bus_fixtures
@@ -44,6 +46,29 @@ def test_without_the_daemon(bus, arguments):
     assert refused(result, 3) and "the zone manager is not running" in result.stderr
 
 
+@pytest.fixture
+def mute_address(tmp_path):
+    """The address of somebody who accepts every connection and says nothing."""
+    with socket.socket(socket.AF_UNIX) as mute:
+        mute.bind(str(tmp_path / "mute"))
+        mute.listen()
+        yield f"unix:path={tmp_path}/mute"
+
+
+@pytest.mark.parametrize("arguments", BUS_COMMANDS)
+def test_a_bus_that_says_nothing_is_given_up(mute_address, arguments):
+    result = bus_fixtures.zonectl("--timeout", "1", *arguments, address=mute_address)
+    assert refused(result, 3) and "did not answer" in result.stderr
+
+
+def test_nobody_waits_for_a_bus_that_can_be_done_without(mute_address):
+    assert bus_fixtures.zonectl("complete", "--", "status", "no-such", address=mute_address).returncode == 0
+    assert bus_fixtures.zonectl("top", "--json", "--timeout=1", address=mute_address).returncode in (0, 3)
+    found = json.loads(bus_fixtures.zonectl("doctor", "--json", address=mute_address).stdout)["findings"]
+    (bus,) = (finding for finding in found if finding["subject"] == "bus")
+    assert "cannot reach the system bus: it did not answer in time" in bus["text"]
+
+
 def test_an_answer_of_the_wrong_form(zonectl):
     result = zonectl("status", "odd")
     assert refused(result, 1) and "in an unexpected form" in result.stderr
@@ -52,8 +77,6 @@ def test_an_answer_of_the_wrong_form(zonectl):
 def test_an_error_stays_on_one_line(zonectl):
     result = zonectl("status", "angry")
     assert refused(result, 1) and result.stderr == "zonectl: ZoneGetState failed: no?mood\n"
-
-
 
 
 def on_a_terminal(bus, *arguments, **extra):

@@ -1,5 +1,6 @@
 #include "Daemon/BusClient.h"
 
+#include "Daemon/BusAttempt.h"
 #include "Daemon/Names.h"
 
 #include <utility>
@@ -83,13 +84,19 @@ void StateSubscription::signalCallback(GDBusConnection* /*bus*/, const gchar* /*
 BusClient::BusClient(std::chrono::milliseconds patience)
     : timeoutMilliseconds(static_cast<int>(patience.count()))
 {
-    ZoneCore::GErrorPtr error;
-    bus.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, ZoneCore::OutError(error)));
-    if (!bus) {
-        throw Failure(EXIT_UNREACHABLE, std::string("cannot reach the system bus: ") + error->message);
+    bool over = false;
+    std::string trouble;
+    const BusAttempt attempt(patience, [&](ZoneCore::GBusConnectionPtr made, const std::string& reason) {
+        bus = std::move(made);
+        trouble = reason;
+        over = true;
+    });
+    while (!over) {
+        g_main_context_iteration(nullptr, TRUE);
     }
-    // A bus that goes away is reported by the command; it must not end the process by a signal.
-    g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
+    if (!bus) {
+        throw Failure(EXIT_UNREACHABLE, "cannot reach the system bus: " + trouble);
+    }
 }
 
 ZoneCore::GVariantPtr BusClient::call(const char* method, GVariant* parameters, const char* replyType) const

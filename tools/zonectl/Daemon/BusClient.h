@@ -50,7 +50,8 @@ private:
 class BusClient
 {
 public:
-    /// Connects to the system bus (DBUS_SYSTEM_BUS_ADDRESS is honoured); `patience` bounds each call.
+    /// Connects to the system bus (DBUS_SYSTEM_BUS_ADDRESS is honoured); `patience` bounds that and each
+    /// call. While it connects, the main context that is the thread's default is run.
     explicit BusClient(std::chrono::milliseconds patience);
 
     /// The names of all containers that are defined, in the daemon's order.

@@ -9,7 +9,7 @@ namespace Zonectl {
 namespace {
 
 constexpr guint PAUSE_MILLISECONDS = 500;
-constexpr guint ATTEMPT_MILLISECONDS = 5000;
+constexpr std::chrono::seconds ATTEMPT_LIMIT(5);
 
 } // namespace
 
@@ -18,37 +18,16 @@ BusLink::~BusLink()
     if (timer != 0) {
         g_source_remove(timer);
     }
-    if (attempt) {
-        g_cancellable_cancel(attempt.get());
-    }
     disconnect();
 }
 
 void BusLink::connect()
 {
-    using StringPtr = std::unique_ptr<char, ZoneCore::FreeWith<g_free>>;
-    ZoneCore::GErrorPtr error;
-    const StringPtr address(
-        g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, ZoneCore::OutError(error)));
-    if (!address) {
-        fail(error->message);
-        return;
-    }
-    attempt.reset(g_cancellable_new());
-    timer = g_timeout_add(ATTEMPT_MILLISECONDS, &BusLink::giveUpCallback, this);
-    // The process's shared connection would never be made anew.
-    constexpr auto FLAGS = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                                             G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-    g_dbus_connection_new_for_address(address.get(), FLAGS, nullptr, attempt.get(),
-                                      &BusLink::connectedCallback, new Ticket(self));
-}
-
-gboolean BusLink::giveUpCallback(gpointer data)
-{
-    auto* link = static_cast<BusLink*>(data);
-    link->timer = 0;
-    g_cancellable_cancel(link->attempt.get());
-    return G_SOURCE_REMOVE;
+    attempt = std::make_unique<BusAttempt>(
+        ATTEMPT_LIMIT, [this](ZoneCore::GBusConnectionPtr made, const std::string& reason) {
+            attempt.reset();
+            made ? take(std::move(made)) : fail(reason);
+        });
 }
 
 gboolean BusLink::retryCallback(gpointer data)
@@ -59,29 +38,9 @@ gboolean BusLink::retryCallback(gpointer data)
     return G_SOURCE_REMOVE;
 }
 
-void BusLink::connectedCallback(GObject* /*source*/, GAsyncResult* result, gpointer data)
-{
-    const std::unique_ptr<Ticket> ticket(static_cast<Ticket*>(data));
-    ZoneCore::GErrorPtr error;
-    ZoneCore::GBusConnectionPtr made(
-        g_dbus_connection_new_for_address_finish(result, ZoneCore::OutError(error)));
-    const auto alive = ticket->lock();
-    if (!alive) {
-        return;
-    }
-    BusLink& link = **alive;
-    link.attempt.reset();
-    if (link.timer != 0) {
-        g_source_remove(link.timer);
-        link.timer = 0;
-    }
-    made ? link.take(std::move(made)) : link.fail(error->message);
-}
-
 void BusLink::take(ZoneCore::GBusConnectionPtr connection)
 {
     bus = std::move(connection);
-    g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
     closedHandler = g_signal_connect(bus.get(), "closed", G_CALLBACK(&BusLink::closedCallback), this);
     for (Observer* observer : observers) {
         observer->busConnected(bus.get());

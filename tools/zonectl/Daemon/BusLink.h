@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Common/Handles.h"
+#include "Daemon/BusAttempt.h"
 
 #include <memory>
 #include <string>
@@ -42,16 +43,11 @@ public:
     [[nodiscard]] bool daemonPresent() const { return present; }
 
 private:
-    /// What a callback of a call keeps that may come back when the link is gone.
-    using Ticket = std::weak_ptr<BusLink*>;
-
-    static void connectedCallback(GObject* source, GAsyncResult* result, gpointer data);
     static void closedCallback(GDBusConnection* connection, gboolean remote, GError* error, gpointer data);
     static void appearedCallback(GDBusConnection* connection, const gchar* name, const gchar* owner,
                                  gpointer data);
     static void vanishedCallback(GDBusConnection* connection, const gchar* name, gpointer data);
     static gboolean retryCallback(gpointer data);
-    static gboolean giveUpCallback(gpointer data);
 
     void connect();
     void take(ZoneCore::GBusConnectionPtr connection);
@@ -59,10 +55,9 @@ private:
     void disconnect();
 
     std::vector<Observer*> observers;
-    std::shared_ptr<BusLink*> self = std::make_shared<BusLink*>(this);
-    std::unique_ptr<GCancellable, ZoneCore::FreeWith<g_object_unref>> attempt; ///< null between the tries
+    std::unique_ptr<BusAttempt> attempt; ///< null between the tries
     ZoneCore::GBusConnectionPtr bus;
-    guint timer = 0; ///< until the next try, or until the present one is given up
+    guint timer = 0; ///< until the next try
     guint nameWatch = 0;
     gulong closedHandler = 0;
     bool present = false;
