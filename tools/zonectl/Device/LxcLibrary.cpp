@@ -18,6 +18,7 @@ namespace {
 
 using GetGlobalItem = const char* (*)(const char* key);
 using ListContainers = int (*)(const char* lxcPath, char*** names, lxc_container*** containers);
+using NewContainer = lxc_container* (*)(const char* name, const char* lxcPath);
 using PutContainer = int (*)(lxc_container* container);
 using MonitorFifoName = int (*)(const char* lxcPath, char* buffer, std::size_t size, int makeDirectories);
 using MonitorSocketName = int (*)(const char* lxcPath, sockaddr_un* address);
@@ -153,21 +154,35 @@ void LxcLibrary::addContainers(ContainerListing& listing) const
 bool LxcLibrary::askState(const std::string& name, const std::function<void()>& beforeAsking) const
 {
     const char* path = function<GetGlobalItem>("lxc_get_global_config_item")("lxc.lxcpath");
-    lxc_container** containers = nullptr;
-    const int count =
-        path == nullptr ? 0 : function<ListContainers>("list_defined_containers")(path, nullptr, &containers);
-    bool asked = false;
+    // The daemon does without this function; a device's own library might, too.
+    const auto open = function<NewContainer>("lxc_container_new");
+    if (path == nullptr || open == nullptr || !isDefined(path, name)) {
+        return false;
+    }
+    // To open a container is to wait for its lock, so no other one is opened.
+    lxc_container* container = open(name.c_str(), path);
+    if (container == nullptr) {
+        return false;
+    }
+    beforeAsking();
+    const bool asked = container->state(container) != nullptr;
+    function<PutContainer>("lxc_container_put")(container);
+    return asked;
+}
+
+bool LxcLibrary::isDefined(const char* lxcPath, const std::string& name) const
+{
+    char** names = nullptr;
+    const int count = function<ListContainers>("list_defined_containers")(lxcPath, &names, nullptr);
+    bool found = false;
     for (int i = 0; i < count; ++i) {
-        if (containers[i]->name == name) {
-            beforeAsking();
-            asked = containers[i]->state(containers[i]) != nullptr;
-        }
-        function<PutContainer>("lxc_container_put")(containers[i]);
+        found = found || name == names[i];
+        std::free(names[i]);
     }
     if (count > 0) {
-        std::free(containers);
+        std::free(names);
     }
-    return asked;
+    return found;
 }
 
 } // namespace Zonectl

@@ -45,6 +45,7 @@ private:
     template <typename Function>
     [[nodiscard]] Function function(const char* name) const;
     void addContainers(ContainerListing& listing) const;
+    [[nodiscard]] bool isDefined(const char* lxcPath, const std::string& name) const;
     [[nodiscard]] static ContainerInfo describe(lxc_container& container);
 
     void* handle = nullptr;
