@@ -42,14 +42,6 @@ TEST_F(AskMonitors, ALibraryThatDoesNotComeToTheQuestionIsSilenceToo)
     EXPECT_EQ(askMonitors({"blue", "red"}), both(MonitorVoice::Silent));
 }
 
-TEST_F(AskMonitors, OnlyTheContainerThatIsAskedIsOpened)
-{
-    EXPECT_EQ(askMonitors({"red"}).at("red"), MonitorVoice::Answers);
-    const std::string calls = ZoneTest::readFile("/run/fake-lxc/calls");
-    EXPECT_NE(calls.find("lxc_container_new red"), std::string::npos) << calls;
-    EXPECT_EQ(calls.find("lxc_container_new blue"), std::string::npos) << calls;
-}
-
 TEST_F(AskMonitors, WhatTheLibraryDoesNotTellIsUnknown)
 {
     control("containers/red/state_null", "");

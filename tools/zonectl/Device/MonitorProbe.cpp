@@ -109,7 +109,7 @@ public:
         reader.reset();
     }
 
-    /// Before its question it may have met a lock of LXC's, which the daemon would wait for as well.
+    /// Also before its question: whatever holds liblxc up there may hold the daemon up as well.
     void giveUp()
     {
         heard = MonitorVoice::Silent;

@@ -4,9 +4,10 @@
 
 namespace Zonectl {
 
-/// liblxc cannot look at a container without making lock files below /run, and complains on standard error of
-/// what it cannot load. As long as this object lives the calling thread has a /run of its own, which is gone
-/// afterwards, and the complaints go nowhere. Where the kernel does not permit that, all is as ever.
+/// liblxc cannot look at a container without making lock files below /run and waiting for whoever holds them,
+/// and complains on standard error of what it cannot load. As long as this object lives the calling thread
+/// has a /run of its own, which is gone afterwards, and the complaints go nowhere. Where the kernel does not
+/// permit that, all is as ever.
 class QuietCorner
 {
 public:
