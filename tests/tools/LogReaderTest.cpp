@@ -152,3 +152,24 @@ TEST(ReadLogRecord, PassesOverForeignAndDamagedLines)
         EXPECT_FALSE(readLogRecord(line)) << line;
     }
 }
+
+TEST(ReadLogRecord, PassesOverWhatWouldLeadTheParserTooDeep)
+{
+    constexpr std::size_t DEPTH = 150000;
+    std::string objects;
+    for (std::size_t i = 0; i < DEPTH; ++i) {
+        objects += R"({"a":)";
+    }
+    EXPECT_FALSE(readLogRecord(objects));
+    EXPECT_FALSE(readLogRecord(R"({"a":/*"*/)" + std::string(DEPTH, '[')));
+}
+
+TEST(ReadLogRecord, BracketsInAMessageAreAsGoodAsOtherText)
+{
+    const std::string text = R"(\"{{{{[[[[ text)";
+    const auto record = readLogRecord(R"({"SYSLOG_IDENTIFIER":"ZONE_MANAGER","MESSAGE":)"
+                                      R"("A.cpp: f(1) > [01;32;40m[void f():1] )" +
+                                      text + R"("})");
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record->message, text.substr(1));
+}

@@ -2,6 +2,7 @@
 
 #include "Common/Handles.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <json-glib/json-glib.h>
@@ -252,8 +253,20 @@ bool readIds(Cursor& cursor, LogRecord& record)
     return value;
 }
 
+/// Whether arrays and objects may stand in each other so deep that the parser, which follows each with a call
+/// of its own, comes to the end of the stack. Those in texts and comments are counted too, which is never too
+/// few; a journal's record has an object, some arrays, and what its message holds.
+[[nodiscard]] bool mayNestTooDeep(std::string_view json)
+{
+    constexpr std::ptrdiff_t MOST = 1000;
+    return std::count_if(json.begin(), json.end(), [](char c) { return c == '{' || c == '['; }) > MOST;
+}
+
 [[nodiscard]] std::optional<LogRecord> readJsonRecord(std::string_view line)
 {
+    if (mayNestTooDeep(line)) {
+        return std::nullopt;
+    }
     const ParserPtr parser(json_parser_new());
     if (json_parser_load_from_data(parser.get(), line.data(), static_cast<gssize>(line.size()), nullptr) ==
         FALSE) {
