@@ -73,6 +73,25 @@ TEST(ReadLogRecord, AStampWithoutAYearIsOfTheLastOne)
     EXPECT_EQ(timeBefore("Nov 21 15.58.23 "), std::nullopt);
 }
 
+TEST(ReadLogRecord, AnAbsurdTimeIsNone)
+{
+    const std::string line = journalLine(ORIGIN + BODY + RESET, "ZONE_MANAGER");
+    const auto timeIn = [&line](const std::string& microseconds) {
+        std::string other = line;
+        const auto record = readLogRecord(other.replace(other.find("1795276703123456"), 16, microseconds));
+        EXPECT_TRUE(record) << microseconds;
+        return record ? record->time : MOMENT;
+    };
+    for (const char* absurd : {"-1", "-62135596800500000", "9223372036854775807", "1152921504606846977",
+                               "9223372036854775808", "17x", ""}) {
+        EXPECT_EQ(timeIn(absurd), std::nullopt) << absurd;
+    }
+    EXPECT_EQ(timeIn("0"), 0);
+    EXPECT_EQ(timeIn("1152921504606846976"), 1152921504606846976);
+    EXPECT_EQ(timeBefore("0001-01-01T00:00:00.5+14:00 "), std::nullopt);
+    EXPECT_EQ(timeBefore("1969-12-31T23:59:59Z "), std::nullopt);
+}
+
 TEST(ReadLogRecord, TakesWhatSyslogMakesOfARecord)
 {
     const auto record =

@@ -20,6 +20,8 @@ constexpr std::string_view LEVELS = "DIWEF";
 constexpr std::string_view BLANKS = " \t";
 /// How a colour ends, and what is left of its escape when it was made printable on the way.
 constexpr std::array<std::string_view, 4> COLOUR_RESETS = {"\x1b[0m", "#033[0m", "^[[0m", "[0m"};
+/// No clock of a machine is later; so no difference of two times overflows.
+constexpr LogTime LATEST = LogTime{1} << 60U;
 /// "Nov 21 15:58:23"
 constexpr std::size_t SHORT_STAMP_LENGTH = 15;
 
@@ -245,9 +247,13 @@ bool readIds(Cursor& cursor, LogRecord& record)
 [[nodiscard]] std::optional<LogTime> numberField(JsonObject* object, const char* name)
 {
     const auto text = journalField(object, name);
+    if (!text) {
+        return std::nullopt;
+    }
     LogTime value = 0;
-    if (!text || std::from_chars(text->data(), text->data() + text->size(), value).ptr !=
-                     text->data() + text->size()) {
+    const char* const end = text->data() + text->size();
+    const auto read = std::from_chars(text->data(), end, value);
+    if (read.ec != std::errc{} || read.ptr != end) {
         return std::nullopt;
     }
     return value;
@@ -305,7 +311,11 @@ bool readIds(Cursor& cursor, LogRecord& record)
 
 std::optional<LogRecord> readLogRecord(std::string_view line)
 {
-    return line.starts_with('{') ? readJsonRecord(line) : readTextRecord(line);
+    auto record = line.starts_with('{') ? readJsonRecord(line) : readTextRecord(line);
+    if (record && record->time && (*record->time < 0 || *record->time > LATEST)) {
+        record->time.reset();
+    }
+    return record;
 }
 
 } // namespace Zonectl

@@ -14,7 +14,7 @@ constexpr LogTime LOG_SECOND = 1000000;
 /// One record of the daemon's log.
 struct LogRecord
 {
-    std::optional<LogTime> time;
+    std::optional<LogTime> time; ///< between 1970 and 2^60; nothing when the line does not say, or absurdly
     char level = 'I'; ///< D, I, W, E or F; W also for fatal where the line does not tell them apart
     int pid = 0;      ///< 0 when the line does not say
     int tid = 0;      ///< 0 when the line does not say
