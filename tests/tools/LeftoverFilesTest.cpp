@@ -6,7 +6,10 @@
 #include <ctime>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace Zonectl;
@@ -66,6 +69,30 @@ void setFreezer(const MachineTree& tree, const std::string& state, bool asked)
     tree.write(std::string(FREEZER) + "/freezer.state", state + "\n");
     tree.write(std::string(FREEZER) + "/freezer.self_freezing", asked ? "1\n" : "0\n");
 }
+
+/// Reads one thing of a file: that it was opened.
+class OpenWatch
+{
+public:
+    explicit OpenWatch(const std::string& path) : queue(inotify_init1(IN_CLOEXEC))
+    {
+        EXPECT_GE(inotify_add_watch(queue, path.c_str(), IN_OPEN), 0);
+    }
+    ~OpenWatch() { close(queue); }
+    OpenWatch(const OpenWatch&) = delete;
+    OpenWatch& operator=(const OpenWatch&) = delete;
+
+    /// Whether it was, within some seconds.
+    [[nodiscard]] bool wait() const
+    {
+        constexpr int LIMIT_MS = 10000;
+        pollfd event{.fd = queue, .events = POLLIN, .revents = 0};
+        return poll(&event, 1, LIMIT_MS) == 1;
+    }
+
+private:
+    int queue;
+};
 
 /// The line of /proc/locks for a file of the tree.
 [[nodiscard]] std::string lockLine(const MachineTree& tree, const std::string& path)
@@ -248,6 +275,26 @@ TEST(LeftoverFreezer, AContainerWhoseRootCannotBeComparedIsOnlyNamed)
     tree.write("/var/lib/lxc/red/config", "lxc.rootfs.path = loop:/images/red.img\n");
     ASSERT_EQ(search(tree).size(), 1U);
     EXPECT_FALSE(search(tree)[0].removable);
+}
+
+TEST(LeftoverFreezer, WhatStartsDuringTheWaitForItIsNoLeftover)
+{
+    const MachineTree tree;
+    addZone(tree, true);
+    setFreezer(tree, "FREEZING", true);
+    tree.addContainer("blue");
+    const OpenWatch looked(tree.root() + FREEZER + "/freezer.state");
+    std::thread starter([&] {
+        EXPECT_TRUE(looked.wait());
+        tree.addGroup("cpu", "lxc.payload/blue", {});
+        tree.addProcess({.pid = PROCESS + 3, .title = "[lxc monitor] /var/lib/lxc blue"});
+        tree.write("/run/lxc/pid/blue.pid", std::to_string(PROCESS + 3));
+        tree.write(std::string(FREEZER) + "/freezer.state", "FROZEN\n");
+    });
+    const Machine machine(tree.root());
+    const auto found = findLeftovers(machine, listFromFiles(machine), std::chrono::seconds(10));
+    starter.join();
+    EXPECT_TRUE(found.empty()) << placeOf(found.front()) << ": " << found.front().why;
 }
 
 TEST(LeftoverFreezer, VersionTwo)

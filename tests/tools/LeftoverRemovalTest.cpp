@@ -132,6 +132,17 @@ TEST(RemoveLeftover, TouchesNothingOfAGroupWithProcesses)
     EXPECT_TRUE(std::filesystem::exists(tree.root() + "/cpu/red/empty"));
 }
 
+TEST(RemoveLeftover, LooksAtTheProcessesOfAGroupOnceMore)
+{
+    const TemporaryTree tree;
+    tree.makeDirectory("/cpu/red/empty");
+    tree.write("/memory/red/below/cgroup.procs", "4711\n");
+    const Leftover leftover{.kind = LeftoverKind::ControlGroup,
+                            .paths = {tree.root() + "/cpu/red", tree.root() + "/memory/red"}};
+    EXPECT_EQ(removeLeftover(leftover), tree.root() + "/*/red: there are still processes in it");
+    EXPECT_TRUE(std::filesystem::exists(tree.root() + "/cpu/red/empty")) << "which the container is to use";
+}
+
 TEST(RemoveLeftover, TellsWhatCouldNotBeRemoved)
 {
     const TemporaryTree tree;
@@ -146,10 +157,21 @@ TEST(RemoveLeftover, TellsWhatCouldNotBeRemoved)
 TEST(RemoveLeftover, RemovesAPidFile)
 {
     const TemporaryTree tree;
-    tree.write("/red.pid", "1");
+    tree.write("/red.pid", "");
     const Leftover leftover{.kind = LeftoverKind::PidFile, .paths = {tree.root() + "/red.pid"}};
     EXPECT_EQ(removeLeftover(leftover), "");
     EXPECT_FALSE(std::filesystem::exists(tree.root() + "/red.pid"));
+    EXPECT_EQ(removeLeftover(leftover), "") << "gone by itself is as good";
+}
+
+TEST(RemoveLeftover, SparesThePidFileOfAContainerThatHasJustStarted)
+{
+    const TemporaryTree tree;
+    const Child child;
+    tree.write("/red.pid", std::to_string(child.asLeftover().pid) + "\n");
+    const Leftover leftover{.kind = LeftoverKind::PidFile, .paths = {tree.root() + "/red.pid"}};
+    EXPECT_EQ(removeLeftover(leftover), tree.root() + "/red.pid: names a process that lives by now");
+    EXPECT_TRUE(std::filesystem::exists(tree.root() + "/red.pid"));
 }
 
 TEST(RemoveLeftover, ThawsAGroup)

@@ -2,7 +2,9 @@
 
 #include "Common/Handles.h"
 #include "Device/ProcessTable.h"
+#include "Leftovers/PidFile.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -91,20 +93,42 @@ constexpr std::chrono::milliseconds STEP(10);
     return rmdir(directory.c_str()) == 0 || errno == ENOENT ? 0 : errno;
 }
 
+/// Whether there are processes in a control group or below it.
+[[nodiscard]] bool holdsProcesses(const std::filesystem::path& directory)
+{
+    if (!Machine("").read(directory / "cgroup.procs").value_or("").empty()) {
+        return true;
+    }
+    std::error_code ignored;
+    const std::filesystem::directory_iterator entries(directory, ignored);
+    return std::any_of(begin(entries), end(entries), [&ignored](const auto& entry) {
+        return entry.is_directory(ignored) && !entry.is_symlink(ignored) && holdsProcesses(entry.path());
+    });
+}
+
+/// As removeTree(), but touches not even an empty group below one with processes. Waits for the kernel.
+[[nodiscard]] int removeEmptyTree(const std::string& path, Clock::time_point deadline)
+{
+    for (;;) {
+        // Looked at each time: the container may be starting.
+        const int error = holdsProcesses(path) ? EBUSY : removeTree(path);
+        if (error != EBUSY || Clock::now() >= deadline) {
+            return error;
+        }
+        std::this_thread::sleep_for(STEP);
+    }
+}
+
 [[nodiscard]] std::string removeControlGroups(const Leftover& leftover)
 {
     constexpr const char* POPULATED = ": there are still processes in it";
-    if (leftover.populated) { // not even an empty group below it is touched
+    if (leftover.populated || std::any_of(leftover.paths.begin(), leftover.paths.end(), holdsProcesses)) {
         return placeOf(leftover) + POPULATED;
     }
     const auto deadline = Clock::now() + CLEAR_UP_TIME;
     std::string problem;
     for (const std::string& path : leftover.paths) {
-        int error = removeTree(path);
-        while (error == EBUSY && Clock::now() < deadline) {
-            std::this_thread::sleep_for(STEP);
-            error = removeTree(path);
-        }
+        const int error = removeEmptyTree(path, deadline);
         if (error != 0) {
             problem = error == EBUSY ? path + POPULATED : errorText(path, error);
         }
@@ -112,8 +136,14 @@ constexpr std::chrono::milliseconds STEP(10);
     return problem;
 }
 
-[[nodiscard]] std::string removeFile(const std::string& path)
+/// A container that has come up since it was found has written the file anew.
+[[nodiscard]] std::string removePidFile(const std::string& path)
 {
+    const Machine machine("");
+    const ProcessTable clock(machine);
+    if (machine.exists(path) && whyStale(machine, clock, path).empty()) {
+        return path + ": names a process that lives by now";
+    }
     return unlink(path.c_str()) == 0 || errno == ENOENT ? std::string() : errorText(path, errno);
 }
 
@@ -132,7 +162,7 @@ std::string removeLeftover(const Leftover& leftover)
     case LeftoverKind::ControlGroup:
         return removeControlGroups(leftover);
     case LeftoverKind::PidFile:
-        return removeFile(leftover.paths.front());
+        return removePidFile(leftover.paths.front());
     case LeftoverKind::MonitorFifo:
     case LeftoverKind::InstanceLock:
         break;

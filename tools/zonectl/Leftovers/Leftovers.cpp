@@ -3,9 +3,10 @@
 #include "Daemon/Names.h"
 #include "Device/ControlGroups.h"
 #include "Device/ProcessTable.h"
+#include "Leftovers/PidFile.h"
 
 #include <algorithm>
-#include <cstdlib>
+#include <cstdio>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -15,9 +16,6 @@ namespace Zonectl {
 namespace {
 
 constexpr std::chrono::milliseconds FREEZING_STEP(50);
-/// How far apart a process's start and its pid file may lie: LXC writes the file at once, and the machine's
-/// start is known to the second only.
-constexpr std::int64_t PID_FILE_SLACK_S = 3;
 constexpr std::string_view PID_FILE_SUFFIX = ".pid";
 constexpr pid_t ADOPTIVE_PARENT = 1;
 constexpr std::string_view UNPROVEN = "; that it is this container's cannot be proven";
@@ -71,8 +69,8 @@ class Search
 {
 public:
     Search(const Machine& searched, const ContainerListing& known, std::chrono::milliseconds freezing)
-        : machine(searched), listing(known), freezingPatience(freezing), processes(searched),
-          groups(lxcControlGroups(searched)), addresses(unixAddresses(searched))
+        : machine(searched), listing(known), stuckFreezers(stillFreezing(freezing)),
+          groups(lxcControlGroups(searched)), processes(searched), addresses(unixAddresses(searched))
     {}
 
     [[nodiscard]] std::vector<Leftover> run()
@@ -99,6 +97,26 @@ private:
     {
         const ContainerInfo* owner = listed(group.tail);
         return owner != nullptr ? owner : listed(withoutCopyNumber(group.tail));
+    }
+
+    /// The listed containers' groups that are on the way into the freezer all the time that is given to them.
+    [[nodiscard]] std::set<std::string> stillFreezing(std::chrono::milliseconds patience) const
+    {
+        const auto isFreezing = [this](const std::string& path) {
+            return freezerState(machine, path).progress == FreezerState::Progress::Freezing;
+        };
+        std::set<std::string> paths;
+        for (const ControlGroup& group : lxcControlGroups(machine)) {
+            if (group.payload && group.populated && ownerOf(group) != nullptr && isFreezing(group.path)) {
+                paths.insert(group.path);
+            }
+        }
+        const auto deadline = std::chrono::steady_clock::now() + patience;
+        while (!paths.empty() && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(FREEZING_STEP);
+            std::erase_if(paths, [&](const std::string& path) { return !isFreezing(path); });
+        }
+        return paths;
     }
 
     /// Whether the container, of whatever user, runs or comes up: it has a monitor process, by its title, its
@@ -220,7 +238,7 @@ private:
                 continue;
             }
             if (ownerRuns(group)) {
-                checkFrozenWhileRunning(group, *owner);
+                checkFrozenWhileRunning(state, *owner, group);
             } else if (!holdsFoundInit(group)) {
                 addFrozen(state, *owner, group, "frozen, and there is no LXC monitor process to thaw it");
             }
@@ -236,16 +254,10 @@ private:
     }
 
     /// A container that runs is rightly frozen when its own group was asked to be, and is so before long.
-    void checkFrozenWhileRunning(const ControlGroup& group, const ContainerInfo& owner)
+    void checkFrozenWhileRunning(const FreezerState& state, const ContainerInfo& owner,
+                                 const ControlGroup& group)
     {
-        FreezerState state = freezerState(machine, group.path);
-        const auto deadline = std::chrono::steady_clock::now() + freezingPatience;
-        while (state.progress == FreezerState::Progress::Freezing &&
-               std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(FREEZING_STEP);
-            state = freezerState(machine, group.path);
-        }
-        if (state.progress == FreezerState::Progress::Freezing) {
+        if (state.progress == FreezerState::Progress::Freezing && stuckFreezers.contains(group.path)) {
             addFrozen(state, owner, group, "stuck in FREEZING: it neither runs nor is frozen");
         } else if (state.progress == FreezerState::Progress::Frozen && !state.asked) {
             addFrozen(state, owner, group, "frozen, and nobody asked for it");
@@ -330,7 +342,7 @@ private:
             if (!isKnown(name) || runs(name)) {
                 continue;
             }
-            if (const std::string why = staleness(path); !why.empty()) {
+            if (const std::string why = whyStale(machine, processes, path); !why.empty()) {
                 found.push_back({.kind = LeftoverKind::PidFile,
                                  .container = name,
                                  .paths = {path},
@@ -338,30 +350,6 @@ private:
                                  .remedy = "rm " + path});
             }
         }
-    }
-
-    /// Why a pid file is stale; empty when it is not. The daemon kills whatever processes it names.
-    [[nodiscard]] std::string staleness(const std::string& path) const
-    {
-        const auto text = machine.read(path);
-        const auto file = machine.status(path);
-        if (!text || !file) {
-            return {};
-        }
-        std::istringstream numbers(*text);
-        std::string why = "names no process";
-        for (pid_t pid = 0; numbers >> pid;) {
-            const ProcessInfo* process = processes.find(pid);
-            if (process == nullptr || process->dead()) {
-                why = "process " + std::to_string(pid) + " is gone";
-            } else if (std::abs(processes.startTime(*process) - file->modified) > PID_FILE_SLACK_S) {
-                why = "process " + std::to_string(pid) +
-                      " is another one by now, and is killed when the container is next started";
-            } else {
-                return {};
-            }
-        }
-        return why;
     }
 
     void findFifo()
@@ -397,9 +385,11 @@ private:
 
     const Machine& machine;
     const ContainerListing& listing;
-    std::chrono::milliseconds freezingPatience;
-    ProcessTable processes;
+    // In the order in which they are looked at. The wait for the freezers comes before what would grow old in
+    // it. The signs of a container that comes up are looked at after what it must not be robbed of.
+    std::set<std::string> stuckFreezers;
     std::vector<ControlGroup> groups;
+    ProcessTable processes;
     std::vector<std::string> addresses;
     std::vector<Leftover> found;
 };
