@@ -1,14 +1,18 @@
 #include "Doctor/Repair.h"
 
 #include "Daemon/Names.h"
+#include "Device/Machine.h"
 #include "TemporaryTree.h"
 #include "tests/support/unit/Emulation.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <optional>
+#include <set>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -42,6 +46,14 @@ public:
         struct stat status = {};
         return stat((root() + path).c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
     }
+    [[nodiscard]] std::set<std::string> names(const std::string& path) const
+    {
+        std::set<std::string> found;
+        for (const auto& entry : std::filesystem::directory_iterator(root() + path)) {
+            found.insert(entry.path().filename().string());
+        }
+        return found;
+    }
     [[nodiscard]] bool exists(const std::string& path) const
     {
         return std::filesystem::exists(root() + path);
@@ -51,6 +63,23 @@ public:
 const Repair APPEND = {.kind = Kind::AppendLines, .path = "/etc/config", .value = "a = 'b'\nc = d\n"};
 const Repair REPLACE = {
     .kind = Kind::ReplaceKey, .path = "/etc/config", .value = "lxc.start.auto = 1", .key = "lxc.start.auto"};
+
+constexpr std::size_t ROOM = 4096;
+
+/// Makes the change where no file can grow beyond ROOM.
+[[nodiscard]] std::string carryOutWithoutRoom(const std::string& root, const Repair& repair)
+{
+    rlimit before = {};
+    EXPECT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    rlimit small = before;
+    small.rlim_cur = ROOM;
+    auto* const handler = std::signal(SIGXFSZ, SIG_IGN); // so that the write fails
+    EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    std::string problem = carryOut(root, repair);
+    EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+    static_cast<void>(std::signal(SIGXFSZ, handler));
+    return problem;
+}
 
 /// Makes the change here, or lets the shell make it.
 enum class By
@@ -188,6 +217,71 @@ TEST(CarryOut, NothingOutsideOfTheRootIsTouched)
     EXPECT_EQ(outside.mode("/run/lxc"), 0777U);
     EXPECT_EQ(outside.text("/etc/config"), before);
     EXPECT_FALSE(outside.exists("/etc/config.before-zonectl"));
+}
+
+TEST(CarryOut, NoPartOfABackupStaysWhenThereIsNoRoom)
+{
+    ZONE_TEST_NEEDS_REAL_MACHINE(NO_OPENAT2);
+    const RepairTree tree;
+    const std::string before = "lxc.start.auto=yes\n# " + std::string(ROOM, 'x') + "\n";
+    tree.write("/etc/config", before);
+    for (const Repair& repair : {REPLACE, APPEND}) {
+        EXPECT_NE(carryOutWithoutRoom(tree.root(), repair), "");
+        EXPECT_EQ(tree.text("/etc/config"), before);
+        EXPECT_EQ(tree.names("/etc"), std::set<std::string>{"config"});
+    }
+    EXPECT_EQ(carryOut(tree.root(), REPLACE), "");
+    EXPECT_EQ(tree.text("/etc/config.before-zonectl"), before);
+}
+
+TEST(CarryOut, AllLinesAreAppendedOrNone)
+{
+    ZONE_TEST_NEEDS_REAL_MACHINE(NO_OPENAT2);
+    const RepairTree tree;
+    const std::string before(ROOM - 3, 'x');
+    tree.write("/etc/config", before);
+    EXPECT_NE(carryOutWithoutRoom(tree.root(), APPEND), "");
+    EXPECT_EQ(tree.text("/etc/config"), before);
+    EXPECT_EQ(tree.text("/etc/config.before-zonectl"), before);
+}
+
+TEST(CarryOut, AnInterruptedRunIsNoObstacle)
+{
+    ZONE_TEST_NEEDS_REAL_MACHINE(NO_OPENAT2);
+    const RepairTree tree;
+    tree.write("/etc/config.zonectl-new", "half");
+    tree.write("/etc/config.before-zonectl.zonectl-new", "half");
+    EXPECT_EQ(carryOut(tree.root(), REPLACE), "");
+    EXPECT_EQ(tree.names("/etc"), (std::set<std::string>{"config", "config.before-zonectl"}));
+}
+
+TEST(CarryOut, LabelsStayWithAFileAndItsBackup)
+{
+    ZONE_TEST_NEEDS_REAL_MACHINE(NO_OPENAT2);
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root sets labels";
+    }
+    const RepairTree tree;
+    ASSERT_EQ(setxattr((tree.root() + "/etc/config").c_str(), Names::LABEL_ATTRIBUTE, "System", 6, 0), 0);
+    EXPECT_EQ(carryOut(tree.root(), REPLACE), "");
+    for (const char* name : {"/etc/config", "/etc/config.before-zonectl"}) {
+        EXPECT_EQ(Machine(tree.root()).label(name), "System") << name;
+    }
+}
+
+TEST(CarryOut, ALinkOfTheRunningMachineStaysOne)
+{
+    ZONE_TEST_NEEDS_REAL_MACHINE(NO_OPENAT2);
+    const RepairTree tree;
+    const std::string link = tree.root() + "/link";
+    std::filesystem::create_symlink("etc/config", link);
+    Repair repair = REPLACE;
+    repair.path = link;
+    EXPECT_EQ(carryOut("", repair), "");
+    EXPECT_TRUE(std::filesystem::is_symlink(link));
+    EXPECT_TRUE(tree.text("/etc/config").starts_with("# first\nlxc.start.auto = 1\n"));
+    EXPECT_TRUE(tree.text("/link.before-zonectl").starts_with("# first\n  lxc.start.auto=yes\n"));
+    EXPECT_EQ(tree.names("/etc"), std::set<std::string>{"config"});
 }
 
 TEST(CarryOut, WhatGoesWrongIsTold)

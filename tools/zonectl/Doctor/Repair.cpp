@@ -4,10 +4,13 @@
 #include "Daemon/Names.h"
 #include "Device/Containers.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <filesystem>
+#include <linux/limits.h>
 #include <linux/openat2.h>
 #include <sstream>
 #include <sys/stat.h>
@@ -26,6 +29,7 @@ constexpr mode_t DIRECTORY_MODE = 0755;
 constexpr mode_t PROGRAM_MODE = 0755;
 constexpr mode_t OTHERS_WRITE = S_IWGRP | S_IWOTH;
 constexpr mode_t PERMISSIONS = 07777;
+constexpr const char* NEW_SUFFIX = ".zonectl-new";
 
 [[noreturn]] void fail(const std::string& what)
 {
@@ -82,38 +86,39 @@ public:
         return openPath(path, O_RDONLY | O_DIRECTORY);
     }
 
-    [[nodiscard]] std::string read(const std::string& path) const
+    /// Whether there is anything of that name, a dangling link included.
+    [[nodiscard]] bool has(const std::string& path) const
     {
-        return readAll(openPath(path, O_RDONLY), path);
+        const Place place = placeOf(path);
+        const UniqueFd directory = openDirectory(place.directory);
+        return faccessat(directory.get(), place.name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
     }
 
-    [[nodiscard]] struct stat statusOf(const std::string& path) const
+    /// Where an open file of the running system really is. Below another root no link was followed.
+    [[nodiscard]] std::string behindLinks(const UniqueFd& file, const std::string& path) const
     {
-        struct stat status = {};
-        if (fstat(openPath(path, O_RDONLY).get(), &status) != 0) {
-            fail(path);
-        }
-        return status;
+        return running ? std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file.get())).string()
+                       : path;
     }
 
 private:
-    [[nodiscard]] static std::string readAll(const UniqueFd& fd, const std::string& path)
-    {
-        std::string text;
-        std::array<char, 4096> buffer{};
-        ssize_t length = 0;
-        while ((length = ::read(fd.get(), buffer.data(), buffer.size())) > 0) {
-            text.append(buffer.data(), static_cast<std::size_t>(length));
-        }
-        if (length < 0) {
-            fail(path);
-        }
-        return text;
-    }
-
     bool running;
     UniqueFd root;
 };
+
+[[nodiscard]] std::string readAll(const UniqueFd& fd, const std::string& path)
+{
+    std::string text;
+    std::array<char, 4096> buffer{};
+    ssize_t length = 0;
+    while ((length = read(fd.get(), buffer.data(), buffer.size())) > 0) {
+        text.append(buffer.data(), static_cast<std::size_t>(length));
+    }
+    if (length < 0) {
+        fail(path);
+    }
+    return text;
+}
 
 void writeAll(const UniqueFd& fd, std::string_view text, const std::string& path)
 {
@@ -124,23 +129,82 @@ void writeAll(const UniqueFd& fd, std::string_view text, const std::string& path
         }
         text.remove_prefix(static_cast<std::size_t>(length));
     }
-    if (fsync(fd.get()) != 0) {
+}
+
+/// Copies the extended attributes, among which are Smack labels and access lists.
+void copyAttributes(const UniqueFd& from, const UniqueFd& to, const std::string& path)
+{
+    std::vector<char> names(XATTR_LIST_MAX);
+    const ssize_t length = flistxattr(from.get(), names.data(), names.size());
+    if (length < 0 && errno != ENOTSUP) {
         fail(path);
+    }
+    std::vector<char> value(XATTR_SIZE_MAX);
+    const std::string_view all(names.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+    for (std::size_t begin = 0; begin < all.size(); begin = all.find('\0', begin) + 1) {
+        const char* name = all.data() + begin;
+        const ssize_t size = fgetxattr(from.get(), name, value.data(), value.size());
+        if (size < 0 || fsetxattr(to.get(), name, value.data(), static_cast<std::size_t>(size), 0) != 0) {
+            fail(path + ": " + name);
+        }
     }
 }
 
-/// Makes a file with the owner and the rights of another one. Fails with EEXIST when there is one.
-void createLike(const UniqueFd& directory, const std::string& name, const struct stat& model,
-                std::string_view text)
+/// A file in the making, beside the place that it is for. What is not put there in the end vanishes.
+class NewFile
 {
-    const UniqueFd fd(openat(directory.get(), name.c_str(),
-                             O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    if (!fd || fchown(fd.get(), model.st_uid, model.st_gid) != 0 ||
-        fchmod(fd.get(), model.st_mode & PERMISSIONS) != 0) {
-        fail(name);
+public:
+    explicit NewFile(const Files& files, const std::string& destination)
+        : place(placeOf(destination)), directory(files.openDirectory(place.directory)),
+          temporary(place.name + NEW_SUFFIX)
+    {
+        constexpr int FLAGS = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+        unlinkat(directory.get(), temporary.c_str(), 0); // of a run that was interrupted
+        file = UniqueFd(openat(directory.get(), temporary.c_str(), FLAGS, S_IRUSR | S_IWUSR));
+        if (!file) {
+            fail(temporary);
+        }
     }
-    writeAll(fd, text, name);
-}
+    ~NewFile()
+    {
+        if (!placed) {
+            unlinkat(directory.get(), temporary.c_str(), 0);
+        }
+    }
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+
+    /// Gives it a text, and the owner, the rights and the attributes of another file.
+    void fillLike(const UniqueFd& model, std::string_view text) const
+    {
+        struct stat status = {};
+        writeAll(file, text, temporary);
+        if (fstat(model.get(), &status) != 0 || fchown(file.get(), status.st_uid, status.st_gid) != 0 ||
+            fchmod(file.get(), status.st_mode & PERMISSIONS) != 0) {
+            fail(temporary);
+        }
+        copyAttributes(model, file, temporary);
+        if (fsync(file.get()) != 0) {
+            fail(temporary);
+        }
+    }
+    /// Puts it where it is for. With RENAME_NOREPLACE, what is there already stays, and this is no failure.
+    void putInPlace(unsigned int flags)
+    {
+        placed =
+            renameat2(directory.get(), temporary.c_str(), directory.get(), place.name.c_str(), flags) == 0;
+        if (!placed && !(errno == EEXIST && flags == RENAME_NOREPLACE)) {
+            fail(place.name);
+        }
+    }
+
+private:
+    Place place;
+    UniqueFd directory;
+    std::string temporary;
+    UniqueFd file{};
+    bool placed = false;
+};
 
 void makeDirectory(const Files& files, const std::string& path)
 {
@@ -185,24 +249,38 @@ void moveAside(const Files& files, const std::string& path)
     }
 }
 
-/// Keeps the file as it is now, unless an earlier state is kept already.
+/// Keeps the file as it is now, unless an earlier state is kept already. There is never a part of a backup.
 void backUp(const Files& files, const std::string& path)
 {
-    const Place place = placeOf(path);
-    try {
-        createLike(files.openDirectory(place.directory), place.name + BACKUP_SUFFIX, files.statusOf(path),
-                   files.read(path));
-    } catch (const std::system_error& error) {
-        if (error.code().value() != EEXIST) {
-            throw;
-        }
+    if (files.has(path + BACKUP_SUFFIX)) {
+        return;
     }
+    NewFile backup(files, path + BACKUP_SUFFIX);
+    const UniqueFd original = files.openPath(path, O_RDONLY);
+    backup.fillLike(original, readAll(original, path));
+    backup.putInPlace(RENAME_NOREPLACE);
 }
 
+/// All of the lines, or none.
 void appendLines(const Files& files, const Repair& repair)
 {
     backUp(files, repair.path);
-    writeAll(files.openPath(repair.path, O_WRONLY | O_APPEND), "\n" + repair.value, repair.path);
+    const UniqueFd file = files.openPath(repair.path, O_WRONLY | O_APPEND);
+    struct stat before = {};
+    if (fstat(file.get(), &before) != 0) {
+        fail(repair.path);
+    }
+    try {
+        writeAll(file, "\n" + repair.value, repair.path);
+        if (fsync(file.get()) != 0) {
+            fail(repair.path);
+        }
+    } catch (const std::system_error&) {
+        if (ftruncate(file.get(), before.st_size) != 0) {
+            fail(repair.path + ": a part of the lines stays at its end");
+        }
+        throw;
+    }
 }
 
 /// The text with each line that sets the key replaced.
@@ -218,17 +296,14 @@ void appendLines(const Files& files, const Repair& repair)
     return result;
 }
 
+/// A symbolic link stays one: what it leads to is replaced.
 void replaceKey(const Files& files, const Repair& repair)
 {
     backUp(files, repair.path);
-    const Place place = placeOf(repair.path);
-    const UniqueFd directory = files.openDirectory(place.directory);
-    const std::string temporary = place.name + ".zonectl-new";
-    createLike(directory, temporary, files.statusOf(repair.path),
-               withKeyReplaced(files.read(repair.path), repair.key, repair.value));
-    if (renameat(directory.get(), temporary.c_str(), directory.get(), place.name.c_str()) != 0) {
-        fail(repair.path);
-    }
+    const UniqueFd original = files.openPath(repair.path, O_RDONLY);
+    NewFile replacement(files, files.behindLinks(original, repair.path));
+    replacement.fillLike(original, withKeyReplaced(readAll(original, repair.path), repair.key, repair.value));
+    replacement.putInPlace(0);
 }
 
 void change(const Files& files, const Repair& repair)
@@ -306,7 +381,7 @@ void change(const Files& files, const Repair& repair)
     case Repair::Kind::AppendLines:
         return appendCommand(path, repair.value);
     case Repair::Kind::ReplaceKey:
-        return std::string("sed -i") + BACKUP_SUFFIX + " " +
+        return std::string("sed --follow-symlinks -i") + BACKUP_SUFFIX + " " +
                shellWord("s|^[[:blank:]]*" + forSed(repair.key) + "[[:blank:]]*=.*|" + forSed(repair.value) +
                          "|") +
                " " + path;

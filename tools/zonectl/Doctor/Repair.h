@@ -7,7 +7,8 @@
 namespace Zonectl {
 
 /// A change to a system's files that this program can make itself. Each has a shell command that does the
-/// same.
+/// same, except that the usual tools drop extended attributes where this program keeps them. A change that
+/// fails leaves no half of it behind.
 struct Repair
 {
     enum class Kind
