@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <map>
 
 using namespace Zonectl;
 
@@ -173,10 +174,40 @@ TEST(Examine, WarnsOfAValueThatDoesNotStartAutomatically)
     EXPECT_NE(findingCalled(examine(Machine(tree.root())), FindingIds::CONTAINER_AUTOSTART), nullptr);
 }
 
+TEST(Examine, AWordForTheAutomaticStartIsMendedInItsOwnSense)
+{
+    const std::map<std::string, std::string> meant = {{"yes", "1"}, {"TRUE", "1"},  {"on", "1"},
+                                                      {"no", "0"},  {"False", "0"}, {"off", "0"}};
+    for (const auto& [word, value] : meant) {
+        const TemporaryTree tree;
+        makeHybridZone(tree, "good", "lxc.start.auto = " + word + "\n");
+        const Diagnosis diagnosis = examine(Machine(tree.root()));
+        const Diagnosed* finding = findingCalled(diagnosis, FindingIds::CONTAINER_AUTOSTART);
+        ASSERT_NE(finding, nullptr) << word;
+        ASSERT_EQ(finding->repairs.size(), 1U) << word;
+        EXPECT_EQ(finding->repairs[0].value, "lxc.start.auto = " + value) << word;
+    }
+}
+
+TEST(Examine, AnotherValueForTheAutomaticStartIsLeftToSomebodyWhoKnows)
+{
+    for (const char* value : {"2", "-1", "yes!", "maybe", "01"}) {
+        const TemporaryTree tree;
+        makeHybridZone(tree, "good", std::string("lxc.start.auto = ") + value + "\n");
+        const Diagnosis diagnosis = examine(Machine(tree.root()));
+        const Diagnosed* finding = findingCalled(diagnosis, FindingIds::CONTAINER_AUTOSTART);
+        ASSERT_NE(finding, nullptr) << value;
+        EXPECT_TRUE(finding->repairs.empty()) << value;
+        EXPECT_EQ(finding->remedy,
+                  "lxc.start.auto in " + tree.root() +
+                      "/var/lib/lxc/good/config: 1 starts it automatically, 0 on request only");
+    }
+}
+
 TEST(Examine, RemediesForAnotherRootNameItsFiles)
 {
     const TemporaryTree tree;
-    makeHybridZone(tree, "good", "lxc.start.auto = 2\n");
+    makeHybridZone(tree, "good", "lxc.start.auto = yes\n");
     for (const Diagnosed& finding : examine(Machine(tree.root())).findings) {
         if (!finding.repairs.empty()) {
             EXPECT_NE(finding.remedy.find(tree.root() + "/"), std::string::npos) << finding.remedy;

@@ -1,5 +1,6 @@
 #include "Daemon/Names.h"
 #include "Daemon/ZoneWords.h"
+#include "Doctor/AutoStart.h"
 #include "Doctor/Examination.h"
 
 #include <algorithm>
@@ -25,36 +26,37 @@ void checkContainer(Examination& examination, const ContainerInfo& container)
 [[nodiscard]] std::vector<Repair> repairsOfUnloadable(const ContainerInfo& container,
                                                       const std::string& config)
 {
-    std::vector<Repair> repairs;
-    const std::string& automatic = container.autoStartText;
+    std::vector<Repair> repairs = repairsOfAutoStart(container, config);
     if (container.hasLibraryKey && container.kind != ZUP::ZONE_TYPE_NONE) {
         repairs.push_back({.kind = Repair::Kind::ReplaceKey,
                            .path = config,
                            .value = "zone.container_type = " + container.kindText,
                            .key = "lxc.container_type"});
     }
-    if (!automatic.empty() && automatic != "0" && automatic != "1") {
-        repairs.push_back({.kind = Repair::Kind::ReplaceKey,
-                           .path = config,
-                           .value = "lxc.start.auto = 1",
-                           .key = "lxc.start.auto"});
-    }
     return repairs;
+}
+
+/// What to do where nothing can be repaired from here.
+[[nodiscard]] std::string remedyOfUnloadable(const Examination& examination, const ContainerInfo& container,
+                                             const std::string& config)
+{
+    return hasPlainAutoStart(container) ? "lxc-info -n " + shellWord(container.name) +
+                                              " -l error -o /dev/stderr # tells which line is wrong"
+                                        : autoStartRemedy(examination.word(config));
 }
 
 // cppcheck-suppress constParameter; it does not see through the designated initialisers of add()
 void addUnloadable(Examination& examination, const std::string& name)
 {
     const std::string& lxcPath = examination.listing.lxcPath;
-    std::vector<Repair> repairs =
-        repairsOfUnloadable(readContainer(examination.machine, lxcPath, name), configPath(lxcPath, name));
+    const std::string config = configPath(lxcPath, name);
+    const ContainerInfo container = readContainer(examination.machine, lxcPath, name);
+    std::vector<Repair> repairs = repairsOfUnloadable(container, config);
     examination.add({.id = FindingIds::CONTAINER_UNLOADABLE,
                      .subject = name,
                      .severity = Severity::Problem,
                      .text = "liblxc refuses its configuration: the daemon never sees this container",
-                     .remedy = repairs.empty() ? "lxc-info -n " + shellWord(name) +
-                                                     " -l error -o /dev/stderr # tells which line is wrong"
-                                               : "",
+                     .remedy = repairs.empty() ? remedyOfUnloadable(examination, container, config) : "",
                      .repairs = std::move(repairs)});
 }
 

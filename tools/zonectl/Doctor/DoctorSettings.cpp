@@ -1,4 +1,5 @@
 #include "Daemon/Names.h"
+#include "Doctor/AutoStart.h"
 #include "Doctor/Examination.h"
 
 #include <algorithm>
@@ -121,16 +122,16 @@ private:
     /// Stock liblxc refuses the whole configuration for such a value; a device's own may not.
     void checkAutoStart()
     {
-        const std::string& value = container.autoStartText;
-        if (!value.empty() && value != "0" && value != "1" && !container.autoStart) {
-            add({.id = FindingIds::CONTAINER_AUTOSTART,
-                 .severity = Severity::Warning,
-                 .text = "is not started automatically: lxc.start.auto = " + value + " is not exactly 1",
-                 .repairs = {{.kind = Repair::Kind::ReplaceKey,
-                              .path = config,
-                              .value = "lxc.start.auto = 1",
-                              .key = "lxc.start.auto"}}});
+        if (hasPlainAutoStart(container) || container.autoStart) {
+            return;
         }
+        std::vector<Repair> repairs = repairsOfAutoStart(container, config);
+        add({.id = FindingIds::CONTAINER_AUTOSTART,
+             .severity = Severity::Warning,
+             .text = "is not started automatically: lxc.start.auto = " + container.autoStartText +
+                     " is not exactly 1",
+             .remedy = repairs.empty() ? autoStartRemedy(examination.word(config)) : "",
+             .repairs = std::move(repairs)});
     }
 
     Examination& examination;
