@@ -204,6 +204,25 @@ TEST(Examine, AnotherValueForTheAutomaticStartIsLeftToSomebodyWhoKnows)
     }
 }
 
+TEST(Examine, ALinkThatTheZoneMayHaveMadeIsNotLabelled)
+{
+    const TemporaryTree tree;
+    tree.write("/var/lib/lxc/nav/config", "zone.container_type = isolation\n");
+    tree.makeDirectory("/opt/var/lib/lxc/nav");
+    tree.makeDirectory("/srv");
+    const std::string path = "/opt/var/lib/lxc/nav/opt";
+    std::filesystem::create_symlink("../../../../../srv", tree.root() + path);
+    const Diagnosis diagnosis = examine(Machine(tree.root()));
+    const auto finding =
+        std::find_if(diagnosis.findings.begin(), diagnosis.findings.end(), [&path](const Diagnosed& each) {
+            return each.text.find(path + ":") != std::string::npos;
+        });
+    ASSERT_NE(finding, diagnosis.findings.end());
+    EXPECT_NE(finding->text.find("a symbolic link stands there, to ../"), std::string::npos);
+    EXPECT_EQ(finding->remedy, "rm " + tree.root() + path + " # the zone itself may have made the link");
+    EXPECT_TRUE(finding->repairs.empty());
+}
+
 TEST(Examine, RemediesForAnotherRootNameItsFiles)
 {
     const TemporaryTree tree;

@@ -284,6 +284,22 @@ TEST(CarryOut, ALinkOfTheRunningMachineStaysOne)
     EXPECT_EQ(tree.names("/etc"), std::set<std::string>{"config"});
 }
 
+TEST(CarryOut, ALinkThatSomebodyElseMayHaveMadeIsNotFollowed)
+{
+    ZONE_TEST_NEEDS_REAL_MACHINE(NO_OPENAT2);
+    const RepairTree tree;
+    const std::string link = tree.root() + "/opt";
+    std::filesystem::create_symlink("run/lxc", link);
+    for (const Kind kind : {Kind::MakeDirectory, Kind::SetLabel}) {
+        const std::string problem =
+            carryOut("", {.kind = kind, .path = link, .value = "_", .refusesLink = true});
+        EXPECT_EQ(problem, link + " leads through a symbolic link, which is not followed");
+    }
+    EXPECT_EQ(Machine(tree.root()).label("/run/lxc"), std::nullopt);
+    const Repair made{.kind = Kind::MakeDirectory, .path = tree.root() + "/made", .refusesLink = true};
+    EXPECT_EQ(carryOut("", made), "") << "a directory is none";
+}
+
 TEST(CarryOut, WhatGoesWrongIsTold)
 {
     const RepairTree tree;

@@ -190,7 +190,8 @@ void addBadVerdict(Examination& examination, const LabelRule& rule, LabelVerdict
 
 std::vector<Repair> repairsOf(const LabelRule& rule, LabelVerdict verdict, bool smackKernel)
 {
-    const Repair directory{.kind = Repair::Kind::MakeDirectory, .path = rule.path};
+    const Repair directory{
+        .kind = Repair::Kind::MakeDirectory, .path = rule.path, .refusesLink = rule.inZone};
     switch (verdict) {
     case LabelVerdict::Missing:
         // With Smack the daemon makes and labels the last component itself.
@@ -200,7 +201,11 @@ std::vector<Repair> repairsOf(const LabelRule& rule, LabelVerdict verdict, bool 
         }
         [[fallthrough]];
     case LabelVerdict::NoLabel:
-        return {directory, {.kind = Repair::Kind::SetLabel, .path = rule.path, .value = rule.wanted}};
+        return {directory,
+                {.kind = Repair::Kind::SetLabel,
+                 .path = rule.path,
+                 .value = rule.wanted,
+                 .refusesLink = rule.inZone}};
     default:
         return {};
     }

@@ -108,6 +108,13 @@ private:
         Diagnosed finding{.id = FindingIds::CONTAINER_LABEL,
                           .text = rule.path + ": " + std::string(verdictText(verdict)),
                           .repairs = repairsOf(rule, verdict, examination.smackKernel)};
+        if (const std::string target = examination.machine.linkTarget(rule.path);
+            rule.inZone && !target.empty()) { // whatever the zone chose is not labelled
+            finding.text += ": a symbolic link stands there, to " + target;
+            finding.remedy =
+                "rm " + examination.word(rule.path) + " # the zone itself may have made the link";
+            finding.repairs.clear();
+        }
         const std::string unlabelled =
             "Failed to get smack label of \"" + rule.path + "\"(\"" + rule.wanted + "\") - ";
         if (verdict == LabelVerdict::ReadOnly) {

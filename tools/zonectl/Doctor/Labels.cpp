@@ -128,7 +128,8 @@ std::vector<LabelRule> zoneRules(const std::string& lxcPath, const ContainerInfo
         {readOnly, labels->readOnly, labels->readOnlyEnforced, "", Consequence::ZoneRefused, container.name},
         {writable, labels->writable, labels->writableEnforced, base, Consequence::ZoneRefused,
          container.name},
-        {writable + "/opt", OPEN, labels->writableEnforced, base, Consequence::ZoneRefused, container.name},
+        {writable + "/opt", OPEN, labels->writableEnforced, base, Consequence::ZoneRefused, container.name,
+         true},
     };
 }
 

@@ -26,7 +26,8 @@ struct LabelRule
     bool enforced;         ///< the label must be there in the end; else the path only has to exist
     std::string creatable; ///< the directory below which the daemon makes the path; empty when it never does
     Consequence consequence;
-    std::string zone; ///< empty for the paths of the daemon itself
+    std::string zone;    ///< empty for the paths of the daemon itself
+    bool inZone = false; ///< the zone itself can put something else in its place, as a symbolic link
 };
 
 /// What the disk says about a path.

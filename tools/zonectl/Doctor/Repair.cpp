@@ -72,7 +72,7 @@ public:
         }
         const std::string inside = path.empty() ? "/" : path;
         UniqueFd fd(static_cast<int>(syscall(SYS_openat2, root.get(), inside.c_str(), &how, sizeof(how))));
-        if (!fd && errno == ELOOP && !running) {
+        if (!fd && errno == ELOOP && (!running || (flags & O_NOFOLLOW) != 0)) {
             throw std::runtime_error(path + " leads through a symbolic link, which is not followed");
         }
         if (!fd) {
@@ -206,8 +206,15 @@ private:
     bool placed = false;
 };
 
-void makeDirectory(const Files& files, const std::string& path)
+/// To open the path of a change.
+[[nodiscard]] int flagsFor(const Repair& repair)
 {
+    return repair.refusesLink ? O_RDONLY | O_NOFOLLOW : O_RDONLY;
+}
+
+void makeDirectory(const Files& files, const Repair& repair)
+{
+    const std::string& path = repair.path;
     for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
         const Place place = placeOf(path.substr(0, end));
         const UniqueFd parent = files.openDirectory(place.directory);
@@ -218,12 +225,16 @@ void makeDirectory(const Files& files, const std::string& path)
             break;
         }
     }
-    static_cast<void>(files.openDirectory(path)); // what was there may be something else
+    struct stat status = {}; // what was there may be something else
+    if (fstat(files.openPath(path, flagsFor(repair)).get(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+        errno = ENOTDIR;
+        fail(path);
+    }
 }
 
 void setLabel(const Files& files, const Repair& repair)
 {
-    const UniqueFd fd = files.openPath(repair.path, O_RDONLY);
+    const UniqueFd fd = files.openPath(repair.path, flagsFor(repair));
     if (fsetxattr(fd.get(), Names::LABEL_ATTRIBUTE, repair.value.data(), repair.value.size(), 0) != 0) {
         fail(repair.path);
     }
@@ -310,7 +321,7 @@ void change(const Files& files, const Repair& repair)
 {
     switch (repair.kind) {
     case Repair::Kind::MakeDirectory:
-        makeDirectory(files, repair.path);
+        makeDirectory(files, repair);
         break;
     case Repair::Kind::SetLabel:
         setLabel(files, repair);
@@ -368,8 +379,8 @@ void change(const Files& files, const Repair& repair)
     case Repair::Kind::MakeDirectory:
         return "mkdir -p " + path;
     case Repair::Kind::SetLabel:
-        return std::string("setfattr -n ") + Names::LABEL_ATTRIBUTE + " -v " + shellWord(repair.value) + " " +
-               path;
+        return std::string(repair.refusesLink ? "setfattr -h -n " : "setfattr -n ") + Names::LABEL_ATTRIBUTE +
+               " -v " + shellWord(repair.value) + " " + path;
     case Repair::Kind::TakeOver:
         return "chown root:root " + path;
     case Repair::Kind::CloseToOthers:

@@ -27,6 +27,7 @@ struct Repair
     std::string path; ///< in that system
     std::string value{};
     std::string key{};
+    bool refusesLink = false; ///< somebody else may have made the path a symbolic link: it is not followed
 };
 
 /// What the state before a change to a file is kept as: its name with this behind it. The first one stays.
