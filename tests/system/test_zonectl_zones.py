@@ -261,6 +261,7 @@ def test_a_daemon_that_waits_for_a_silent_monitor_itself(managed, silence, zonec
         "red": ("RUNNING", "proc"),
     }
     assert "did not answer in time" in zonectl.run("status", "red", status=UNREACHABLE).stderr
+    assert "did not answer in time" in zonectl.run("top", "--timeout=2", status=UNREACHABLE).stderr
     request = zonectl.run("start", "--wait", "--timeout=1", "green", status=UNREACHABLE)
     assert "did not answer ZoneGetState" in request.stderr
     assert asking.running

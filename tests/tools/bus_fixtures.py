@@ -27,6 +27,11 @@ OPEN_POLICY = """<policy context="default">
     <allow send_destination="*" eavesdrop="true"/><allow receive_sender="*"/>
   </policy>"""
 
+# Who asks about zones is refused, and hears the signals nevertheless.
+NO_QUESTIONS_POLICY = OPEN_POLICY.replace("</policy>", "".join(
+    f'<deny send_interface="org.ornix.zoneframework.interface" send_member="{method}"/>'
+    for method in ("GetZoneList", "ZoneGetState")) + "</policy>")
+
 
 class PrivateBus:
     """A dbus-daemon with the given policy, listening in the given directory."""

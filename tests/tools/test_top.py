@@ -88,6 +88,23 @@ def test_only_the_named_zones_are_shown(zonectl):
     assert rows_of(zonectl("top", "nav", "icy").stdout).keys() == {"nav", "icy"}
 
 
+def test_a_name_that_nobody_has(zonectl):
+    result = zonectl("top", "nosuch", "nav")
+    assert refused(result, 1) and "no such zone: nosuch (there are: brief, " in result.stderr
+    assert rows_of(result.stdout).keys() == {"nav"}
+    result = zonectl("top", "nosuch")
+    assert refused(result, 1) and result.stdout == ""
+    result = zonectl("top", "--json", "nav", "nosuch")
+    assert refused(result, 1)
+    assert [zone["name"] for zone in json.loads(result.stdout)] == ["nav"]
+
+
+def test_a_name_that_nobody_has_ends_it_on_a_terminal(bus, service):
+    with Terminal(bus.address, "nosuch") as top:
+        assert "no such zone: nosuch" in top.read_until("there are:.*\r\n")
+        assert top.finish() == (True, 1)
+
+
 def test_a_zone_without_an_answer_holds_nobody_up(zonectl):
     rows = rows_of(zonectl("top", "mute", "media").stdout)
     assert (rows["mute"][0], rows["media"][0]) == ("STOPPED*", "RUNNING")
@@ -134,8 +151,24 @@ def test_it_goes_on_without_a_daemon_and_notices_one(bus):
 
 def test_without_a_bus_the_control_groups_tell():
     result = bus_fixtures.zonectl("top", "nav")
-    assert (result.returncode, result.stderr) == (0, "")
+    assert refused(result, 3) and "cannot reach the system bus: " in result.stderr
     assert rows_of(result.stdout)["nav"][0] == "STOPPED*"
+
+
+def test_without_a_daemon_the_control_groups_tell(bus):
+    result = bus_fixtures.zonectl("top", "nav", address=bus.address)
+    assert refused(result, 3) and "the zone manager is not running" in result.stderr
+    assert rows_of(result.stdout)["nav"][0] == "STOPPED*"
+
+
+def test_whom_the_policy_refuses_the_states_sees_the_control_groups(tmp_path):
+    bus = bus_fixtures.PrivateBus(tmp_path, bus_fixtures.NO_QUESTIONS_POLICY)
+    service = bus_fixtures.MockService(bus.address)
+    result = bus_fixtures.zonectl("top", "nav", address=bus.address)
+    assert refused(result, 1) and "the bus does not permit you" in result.stderr
+    assert rows_of(result.stdout)["nav"][0] == "STOPPED*"
+    service.stop()
+    bus.stop()
 
 
 def test_output_that_cannot_be_written(bus):

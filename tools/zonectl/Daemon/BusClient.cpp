@@ -27,12 +27,22 @@ bool isNoAnswer(const GError* error)
            isIOError(error, G_IO_ERROR_TIMED_OUT);
 }
 
+Failure noBus(const std::string& reason)
+{
+    return {EXIT_UNREACHABLE, "cannot reach the system bus: " + reason};
+}
+
+Failure noDaemon()
+{
+    return {EXIT_UNREACHABLE,
+            "the zone manager is not running (nobody owns " + std::string(Names::BUS_NAME) + ")"};
+}
+
 Failure describeCallError(const std::string& method, GError* error)
 {
     if (isDBusError(error, G_DBUS_ERROR_SERVICE_UNKNOWN) ||
         isDBusError(error, G_DBUS_ERROR_NAME_HAS_NO_OWNER)) {
-        return {EXIT_UNREACHABLE,
-                "the zone manager is not running (nobody owns " + std::string(Names::BUS_NAME) + ")"};
+        return noDaemon();
     }
     if (isNoAnswer(error)) {
         return {EXIT_UNREACHABLE, "the zone manager did not answer " + method};

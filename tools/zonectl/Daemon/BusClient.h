@@ -19,6 +19,10 @@ using StateHandler = std::function<void(const std::string& zone, const std::stri
 /// Says in the user's words what became of a call. Strips the error's text of what the bus library put there.
 [[nodiscard]] Failure describeCallError(const std::string& method, GError* error);
 
+/// What is said when there is no bus, and when no daemon is on it.
+[[nodiscard]] Failure noBus(const std::string& reason);
+[[nodiscard]] Failure noDaemon();
+
 /// Whether the error says that nobody answered a call in time.
 [[nodiscard]] bool isNoAnswer(const GError* error);
 

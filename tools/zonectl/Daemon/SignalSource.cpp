@@ -1,7 +1,6 @@
 #include "Daemon/BusClient.h"
 #include "Daemon/BusLink.h"
 #include "Daemon/ChangeSource.h"
-#include "Daemon/Names.h"
 
 namespace Zonectl {
 
@@ -32,15 +31,12 @@ private:
         listener.sourceUp();
     }
 
-    void daemonAbsent() override
-    {
-        leave("daemon", "the zone manager is not running (nobody owns " + std::string(Names::BUS_NAME) + ")");
-    }
+    void daemonAbsent() override { leave("daemon", noDaemon().what()); }
 
     void busLost(const std::string& reason) override
     {
         subscription.reset();
-        leave("bus", "cannot reach the system bus: " + reason);
+        leave("bus", noBus(reason).what());
     }
 
     void leave(const char* who, const std::string& reason)

@@ -107,8 +107,7 @@ ExitStatus listCommand(const Options& options, const Style& style)
         throw Failure(*survey.trouble);
     }
     if (!survey.unknown.empty()) {
-        throw Failure(EXIT_FAILED, "no such zone: " + nameList(survey.unknown) +
-                                       " (there are: " + nameList(survey.known) + ")");
+        throw Failure(EXIT_FAILED, noSuchZones(survey.unknown, survey.known));
     }
     return EXIT_OK;
 }

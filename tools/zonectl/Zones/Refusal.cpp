@@ -21,6 +21,11 @@ std::string noSuchZone(const std::vector<std::string>& known)
     return "the daemon has no such zone (there are: " + nameList(known) + ")";
 }
 
+std::string noSuchZones(const std::vector<std::string>& names, const std::vector<std::string>& known)
+{
+    return "no such zone: " + nameList(names) + " (there are: " + nameList(known) + ")";
+}
+
 std::string whyRefused(const BusClient& client, const std::string& zone)
 {
     const std::vector<std::string> known = client.zoneNames();

@@ -17,6 +17,10 @@ inline constexpr const char* NO_CONTAINER = "no container of that name is define
 /// Names in one line, "a, b, c"; "none" without any.
 [[nodiscard]] std::string nameList(const std::vector<std::string>& names);
 
+/// What is said of names that nobody has.
+[[nodiscard]] std::string noSuchZones(const std::vector<std::string>& names,
+                                      const std::vector<std::string>& known);
+
 /// Why the daemon refuses requests for a zone, as far as its other answers and the configuration tell. Throws
 /// what a call throws.
 [[nodiscard]] std::string whyRefused(const BusClient& client, const std::string& zone);
