@@ -239,19 +239,19 @@ private:
 
     [[nodiscard]] std::string sourceName() const { return options.raw ? "raw" : "signal"; }
 
-    /// One line at once: a reader behind a pipe sees each change when it happens.
+    /// One line at once: a reader behind a pipe sees each change when it happens, and finds it recorded.
     void emit(const WatchEvent& event)
     {
         if (failure) {
             return;
         }
+        record(eventLine(event));
         const Micros wall = g_get_real_time();
         std::cout << (options.json ? watchJson(event, wall, sourceName()) : watchText(event, wall, style))
                   << std::flush;
         if (!std::cout) {
             fail({EXIT_FAILED, "the output could not be written"});
         }
-        record(eventLine(event));
     }
 
     void record(const std::string& line)
