@@ -4,6 +4,7 @@
 #include "RecordingLines.h"
 
 #include <gtest/gtest.h>
+#include <sstream>
 
 using namespace Zonectl;
 
@@ -154,4 +155,40 @@ TEST(RenderChart, CutsANameThatLeavesNoRoom)
 {
     const Timeline line = lineOf({change(0, std::string(100, 'n'), "RUNNING"), end(10)});
     EXPECT_EQ(renderChart(line, 50, Style(false)).find(std::string(26, 'n')), std::string::npos);
+}
+
+TEST(RenderChart, OnANarrowTerminalTheNamesHaveLinesOfTheirOwn)
+{
+    const Timeline line =
+        lineOf({change(0, "red", "RUNNING"), change(500000, "a-name-of-many-letters", "STOPPED"),
+                change(900000, "red", "STOPPING"), end(1000000)});
+    EXPECT_EQ(renderChart(line, 20, Style(false)), "0            1.000 s\n"
+                                                   "a-name-of-many-lette\n"
+                                                   "          ..........\n"
+                                                   "red\n"
+                                                   "==================xx\n"
+                                                   ". STOPPED  = RUNNING\n"
+                                                   "x STOPPING\n");
+}
+
+TEST(RenderChart, BreaksTheLegendBetweenItsEntries)
+{
+    const Timeline line = lineOf({change(0, "red", "STOPPED"), change(300000, "red", "STARTING"),
+                                  change(500000, "red", "RUNNING"), end(1000000)});
+    EXPECT_EQ(renderChart(line, 30, Style(false)), "     0                 1.000 s\n"
+                                                   "red  .......sssss=============\n"
+                                                   "     . STOPPED  s STARTING\n"
+                                                   "     = RUNNING\n");
+}
+
+TEST(RenderChart, NeverExceedsATerminalWithRoomForItsWords)
+{
+    const Timeline line = lineOf(
+        {change(0, "red", "RUNNING"), gap(50, 10), change(60, std::string(30, 'n'), "DREAMING"), end(100)});
+    for (std::size_t columns = 16; columns < 100; ++columns) {
+        std::istringstream lines(renderChart(line, columns, Style(false)));
+        for (std::string text; std::getline(lines, text);) {
+            EXPECT_LE(text.size(), columns) << text;
+        }
+    }
 }

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <string_view>
+#include <vector>
 
 namespace Zonectl {
 
@@ -15,7 +16,7 @@ constexpr char SEVERAL = '|';
 constexpr char BLIND = ':';
 constexpr char NOTHING = ' ';
 constexpr char OTHER = '?';
-constexpr std::size_t FEWEST_COLUMNS = 20;
+constexpr std::size_t FEWEST_COLUMNS = 20; ///< for a row beside its name
 constexpr std::size_t GAP = 2;
 
 struct Letter
@@ -87,12 +88,21 @@ void fill(std::string& row, std::size_t from, std::size_t to, char letter)
     row.replace(from, to - from, to - from, letter);
 }
 
-[[nodiscard]] std::string legend(const std::string& rows)
+/// What the letters of the rows mean, in lines of that width as far as no meaning alone is longer.
+[[nodiscard]] std::vector<std::string> legend(const std::string& rows, std::size_t width)
 {
-    std::string text;
+    std::vector<std::string> lines(1);
     const auto explain = [&](char letter, std::string_view meaning) {
-        if (rows.find(letter) != std::string::npos) {
-            text += (text.empty() ? "" : "  ") + std::string(1, letter) + " " + std::string(meaning);
+        if (rows.find(letter) == std::string::npos) {
+            return;
+        }
+        const std::string entry = std::string(1, letter) + " " + std::string(meaning);
+        if (lines.back().empty()) {
+            lines.back() = entry;
+        } else if (lines.back().size() + GAP + entry.size() <= width) {
+            lines.back() += std::string(GAP, ' ') + entry;
+        } else {
+            lines.push_back(entry);
         }
     };
     for (const Letter& letter : LETTERS) {
@@ -101,7 +111,36 @@ void fill(std::string& row, std::size_t from, std::size_t to, char letter)
     explain(OTHER, "another state");
     explain(SEVERAL, "several changes");
     explain(BLIND, "nobody to tell");
-    return text;
+    return lines;
+}
+
+/// How a chart is divided: the names beside the rows, or above them where that would leave too little.
+struct Layout
+{
+    std::size_t nameWidth; ///< the longest a name may be
+    std::size_t indent;    ///< of the rows
+    std::size_t width;     ///< of the rows
+};
+
+[[nodiscard]] Layout layoutFor(const Timeline& timeline, std::size_t columns)
+{
+    std::size_t longest = 0;
+    for (const ZoneTimeline& zone : timeline.zones) {
+        longest = std::max(longest, textWidth(printable(zone.zone)));
+    }
+    const std::size_t nameWidth = std::min(longest, columns / 2);
+    const std::size_t indent = nameWidth + GAP;
+    if (columns < indent + FEWEST_COLUMNS) {
+        return {.nameWidth = columns, .indent = 0, .width = std::max<std::size_t>(columns, 1)};
+    }
+    return {.nameWidth = nameWidth, .indent = indent, .width = columns - indent};
+}
+
+/// The zone's name, and what leads from it to the row.
+[[nodiscard]] std::string label(const std::string& zone, const Layout& layout)
+{
+    const std::string name = clipped(printable(zone), layout.nameWidth);
+    return layout.indent == 0 ? name + "\n" : name + std::string(layout.indent - textWidth(name), ' ');
 }
 
 } // namespace
@@ -132,24 +171,22 @@ std::string chartRow(const Timeline& timeline, const ZoneTimeline& zone, std::si
 
 std::string renderChart(const Timeline& timeline, std::size_t columns, const Style& style)
 {
-    std::size_t nameWidth = 0;
-    for (const ZoneTimeline& zone : timeline.zones) {
-        nameWidth = std::max(nameWidth, textWidth(printable(zone.zone)));
-    }
-    nameWidth = std::min(nameWidth, columns / 2);
-    const std::size_t width = std::max(columns - std::min(columns, nameWidth + GAP), FEWEST_COLUMNS);
-    const std::string indent(nameWidth + GAP, ' ');
+    const Layout layout = layoutFor(timeline, columns);
+    const std::string indent(layout.indent, ' ');
     const std::string endText = durationText(timeline.length());
-    const std::string scale = "0" + std::string(width - std::min(width, endText.size() + 1), ' ') + endText;
-    std::string text = indent + style.paint(Tone::Muted, scale) + "\n";
+    const std::size_t taken = std::min(layout.width, endText.size() + 1);
+    std::string text =
+        indent + style.paint(Tone::Muted, "0" + std::string(layout.width - taken, ' ') + endText) + "\n";
     std::string all;
     for (const ZoneTimeline& zone : timeline.zones) {
-        const std::string name = clipped(printable(zone.zone), nameWidth);
-        const std::string row = chartRow(timeline, zone, width);
-        text += name + std::string(nameWidth - textWidth(name) + GAP, ' ') + painted(row, style) + "\n";
+        const std::string row = chartRow(timeline, zone, layout.width);
+        text += label(zone.zone, layout) + painted(row, style) + "\n";
         all += row;
     }
-    return text + indent + style.paint(Tone::Muted, legend(all)) + "\n";
+    for (const std::string& line : legend(all, layout.width)) {
+        text += indent + style.paint(Tone::Muted, line) + "\n";
+    }
+    return text;
 }
 
 } // namespace Zonectl
