@@ -36,6 +36,24 @@ TEST(ParseOptions, ADoubleDashLetsANameBeginWithADash)
     EXPECT_EQ(options.arguments, std::vector<std::string>{"-odd"});
 }
 
+TEST(ParseOptions, ANameThatBeginsWithADashLeavesItsSeparatorToTheCommand)
+{
+    using Words = std::vector<std::string>;
+    const Options odd = parseOptions({"attach", "--", "-z", "--", "ls"});
+    EXPECT_EQ(odd.arguments, (Words{"-z", "--", "ls"}));
+    EXPECT_TRUE(odd.separated);
+    const Options plain = parseOptions({"attach", "a", "--", "--", "-l"});
+    EXPECT_EQ(plain.arguments, (Words{"a", "--", "-l"}));
+    EXPECT_FALSE(plain.separated);
+}
+
+TEST(ParseOptions, ValuesNeedNotBeAscii)
+{
+    EXPECT_EQ(parseOptions({"explain", "--file", "\xc3\xbc.log"}).file, "\xc3\xbc.log");
+    EXPECT_EQ(parseOptions({"doctor", "--root=/tmp/\xc3\xbc"}).root, "/tmp/\xc3\xbc");
+    EXPECT_EQ(parseOptions({"watch", "--record", "\xc3\xbc"}).record, "\xc3\xbc");
+}
+
 TEST(ParseOptions, TheRootLosesItsTrailingSlashes)
 {
     EXPECT_EQ(parseOptions({"doctor", "--root", "/image//"}).root, "/image");
@@ -45,21 +63,10 @@ TEST(ParseOptions, TheRootLosesItsTrailingSlashes)
 TEST(ParseOptions, RefusesWhatMakesNoSense)
 {
     const std::vector<std::vector<std::string>> lines = {
-        {"--unknown"},
-        {"--timeout"},
-        {"--timeout", "0"},
-        {"--timeout", "-3"},
-        {"--timeout", "many"},
-        {"--timeout", "5s"},
-        {"--timeout", "86401"},
-        {"--color=blue"},
-        {"--root", "image"},
-        {"--wait=0"},
-        {"--wait=x"},
-        {"--record="},
-        {"--file="},
-        {"status", "\xff\xfe"},
-        {"--timeout=99999999999"},
+        {"--unknown"},         {"--timeout"},       {"--timeout", "0"},     {"--timeout", "-3"},
+        {"--timeout", "many"}, {"--timeout", "5s"}, {"--timeout", "86401"}, {"--color=blue"},
+        {"--root", "image"},   {"--wait=0"},        {"--wait=x"},           {"--record="},
+        {"--record=-"},        {"--file="},         {"status", "\xff\xfe"}, {"--timeout=99999999999"},
         {"--root="},
     };
     for (const auto& line : lines) {
@@ -84,6 +91,8 @@ TEST(RunCommand, RefusesWhatACommandDoesNotTake)
         {"wait", "a"},
         {"wait", "a", "ASLEEP"},
         {"attach", "a"},
+        {"attach", "", "--", "ls"},
+        {"attach", "--", "-z", "--"},
         {"list", "--wait"},
         {"start", "--root=/x", "a"},
     };

@@ -66,11 +66,11 @@ class PrivateBus:
 
 
 class MockService:
-    """The mock zone manager; `ready` once it owns its name."""
+    """The mock zone manager, with further zones if need be; `ready` once it owns its name."""
 
-    def __init__(self, address):
+    def __init__(self, address, *zones):
         self.process = subprocess.Popen(
-            [sys.executable, str(pathlib.Path(__file__).with_name("mock_service.py")), address],
+            [sys.executable, str(pathlib.Path(__file__).with_name("mock_service.py")), address, *zones],
             stdout=subprocess.PIPE, text=True)
         assert self.process.stdout.readline().strip() == "ready"
 

@@ -1,9 +1,10 @@
-"""Stands in for the zone manager on the bus whose address is the only argument.
+"""Stands in for the zone manager on the bus whose address is the first argument.
 
 Zones: "nav" is stopped and starts when asked to, "media" runs, "icy" is frozen, "stuck" takes every request
 and does nothing, "brief" stops as soon as it runs, "weak" does not survive its start, "gone" has no container
 any more, "guard" is refused as a protection zone is, "mute" is never answered about, "fickle" once, "odd" is
-answered in a wrong form, "angry" raises an error. The method ZoneLock emits a malformed state signal and then
+answered in a wrong form, "angry" raises an error. Further arguments are zones that are stopped. An attach of
+the command "--" is refused. The method ZoneLock emits a malformed state signal and then
 a sound one; of "mute" the sound one alone.
 """
 
@@ -20,6 +21,7 @@ INTERFACE = "org.ornix.zoneframework.interface"
 STOPPED, STARTING, RUNNING, ABORTING, FROZEN, THAWED = 1, 2, 3, 5, 7, 8
 WORDS = {STOPPED: "STOPPED", STARTING: "STARTING", RUNNING: "RUNNING", ABORTING: "ABORTING", FROZEN: "FROZEN",
          THAWED: "THAWED"}
+FURTHER = sys.argv[2:]
 STARTS = {"brief": (RUNNING, STOPPED), "weak": (STARTING, ABORTING, STOPPED)}
 
 # Without declared out-arguments the bus library lets every reply through, the wrong ones too.
@@ -42,6 +44,7 @@ class Service:
         self.answered = set()  # zones that are not answered about any more
         self.states = {"nav": STOPPED, "media": RUNNING, "icy": FROZEN, "stuck": STOPPED, "brief": STOPPED,
                        "fickle": RUNNING, "gone": STOPPED, "weak": STOPPED}
+        self.states.update(dict.fromkeys(FURTHER, STOPPED))
 
     def emit(self, *texts):
         self.connection.emit_signal(None, PATH, INTERFACE, "ZoneStateChangedSignal",
@@ -63,9 +66,10 @@ class Service:
             self.change(zone, *states)
         return True
 
-    def answer(self, method, zone):
+    def answer(self, method, zone="", command=(), *_):
         if method == "GetZoneList":
-            return GLib.Variant("(as)", (["brief", "guard", "icy", "media", "nav", "stuck", "weak"],))
+            known = ["brief", "guard", "icy", "media", "nav", "stuck", "weak", *FURTHER]
+            return GLib.Variant("(as)", (known,))
         if method == "GetVersion":
             return GLib.Variant("(s)", ("4.0.28/4.0.12" if zone in self.states else "none",))
         if method == "ZoneGetState":
@@ -79,7 +83,7 @@ class Service:
         if method == "ZoneUnfreeze":
             return GLib.Variant("(b)", (self.request(zone, THAWED, RUNNING),))
         if method == "ZoneAttach":
-            return GLib.Variant("(b)", (zone in self.states,))
+            return GLib.Variant("(b)", (zone in self.states and command[0] != "--",))
         self.emit("only one text")
         self.emit(zone, "RUNNING")
         return GLib.Variant("(b)", (False,))
@@ -101,7 +105,7 @@ class Service:
             message.set_body(GLib.Variant("(as)", (["odd"],)))
             self.connection.send_message(message, Gio.DBusSendMessageFlags.NONE)
         else:
-            invocation.return_value(self.answer(method, zone))
+            invocation.return_value(self.answer(method, *parameters.unpack()))
 
 
 def main():

@@ -35,6 +35,20 @@ def test_the_value_of_an_option_is_no_zone(zonectl):
     assert candidates(zonectl("complete", "--", "start", "--color", "a")) == ["auto", "always"]
 
 
+def test_a_zone_that_looks_like_an_option_comes_behind_a_double_dash(bus):
+    service = bus_fixtures.MockService(bus.address, "-z")
+
+    def offered(*words):
+        return candidates(bus_fixtures.zonectl("complete", "--", *words, address=bus.address))
+
+    assert offered("status", "--", "-") == ["-z"]
+    assert "-z" in offered("status", "--", "") and "-z" not in offered("status", "")
+    assert "--json" in offered("status", "-") and "-z" not in offered("status", "-")
+    assert offered("wait", "--", "-z", "FRO") == ["FROZEN"]
+    assert offered("attach", "nav", "--", "ls", "-") == [] == offered("attach", "--", "-z", "--", "ls", "-")
+    service.stop()
+
+
 def test_without_a_daemon_the_defined_containers_are_offered(bus):
     result = bus_fixtures.zonectl("complete", "--", "start", "no-such-zone-begins-so", address=bus.address)
     assert candidates(result) == []

@@ -245,6 +245,30 @@ def test_attach_says_what_it_is_worth(zonectl):
     assert complains(result, 1, "the attach was refused: it is a protection zone")
 
 
+def test_a_name_that_looks_like_an_option(bus):
+    service = bus_fixtures.MockService(bus.address, "-z")
+
+    def run(*arguments):
+        return bus_fixtures.zonectl(*arguments, address=bus.address)
+
+    assert report_of(run("status", "--json", "--", "-z"))["state"] == "STOPPED"
+    for arguments in (("--", "-z", "--", "ls"), ("--", "-z", "ls"), ("--", "media", "--", "ls", "-l")):
+        assert run("attach", *arguments).returncode == 0, arguments
+    for arguments in (("media", "--", "--", "-l"), ("--", "-z", "--", "--", "-l")):
+        assert "the attach was refused" in run("attach", *arguments).stderr, "the command is meant so"
+    assert run("attach", "--", "-z", "--").returncode == 2
+    late = run("wait", "--timeout=1", "--json", "--", "-z", "FROZEN")
+    assert complains(late, 4, "'zonectl explain -- -z' tells")
+    assert "'zonectl status -- -z' or --wait tells" in run("start", "--", "-z").stdout
+    service.stop()
+
+
+def test_an_empty_name_is_none(zonectl):
+    for arguments in (("status", ""), ("wait", "", "RUNNING"), ("attach", "", "--", "ls")):
+        assert complains(zonectl(*arguments), 2, "the zone's name is empty")
+    assert complains(zonectl("wait", "nav", ""), 2, "'' is no state")
+
+
 def test_progress_is_rewritten_on_a_terminal(bus, service):
     leader, follower = pty.openpty()
     result = subprocess.run([str(bus_fixtures.ZONECTL), "start", "--wait", "nav"], stdout=subprocess.PIPE,

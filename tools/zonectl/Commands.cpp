@@ -158,6 +158,31 @@ constexpr std::string_view EXIT_STATUS_HELP =
     return text;
 }
 
+/// How many of a command's first arguments are names of zones, at most.
+[[nodiscard]] std::size_t zonesAmong(Arguments arguments)
+{
+    switch (arguments) {
+    case Arguments::Zones:
+        return ANY_NUMBER;
+    case Arguments::ZoneAndState:
+    case Arguments::CommandLine:
+        return 1;
+    case Arguments::None:
+    case Arguments::Files:
+        break;
+    }
+    return 0;
+}
+
+/// A name that begins with a dash needs a "--" before it; the one behind it then separates all the same.
+[[nodiscard]] Options withoutSecondSeparator(Options options)
+{
+    if (options.separated && options.arguments.size() > 1 && options.arguments[1] == "--") {
+        options.arguments.erase(options.arguments.begin() + 1);
+    }
+    return options;
+}
+
 /// Refuses what the command does not take, before anything is done.
 void checkUsage(const Command& command, const Options& options)
 {
@@ -166,12 +191,10 @@ void checkUsage(const Command& command, const Options& options)
         throw Failure(EXIT_USAGE, (count < command.fewest ? "an argument is missing" : "too many arguments") +
                                       std::string(" (usage: ") + usageLine(command) + ")");
     }
-    if (command.arguments == Arguments::Zones || command.arguments == Arguments::ZoneAndState) {
-        for (const std::string& argument : options.arguments) {
-            if (argument.empty()) {
-                throw Failure(EXIT_USAGE, "the zone's name is empty");
-            }
-        }
+    const std::size_t zones = std::min(zonesAmong(command.arguments), count);
+    if (std::any_of(options.arguments.begin(), options.arguments.begin() + static_cast<std::ptrdiff_t>(zones),
+                    [](const std::string& name) { return name.empty(); })) {
+        throw Failure(EXIT_USAGE, "the zone's name is empty");
     }
     for (const OptionHelp& option : OPTIONS) {
         if (option.takenBy != TAKES_NOTHING && (command.takes & option.takenBy) == 0 &&
@@ -224,8 +247,10 @@ ExitStatus runCommand(const Options& options)
         throw Failure(EXIT_USAGE,
                       "unknown command '" + printable(options.command) + "' (try 'zonectl --help')");
     }
-    checkUsage(*command, options);
-    return command->handler(options, Style::forStandardOutput(options.color));
+    const Options understood =
+        command->arguments == Arguments::CommandLine ? withoutSecondSeparator(options) : options;
+    checkUsage(*command, understood);
+    return command->handler(understood, Style::forStandardOutput(options.color));
 }
 
 } // namespace Zonectl

@@ -34,10 +34,22 @@ void offer(std::string_view word, std::string_view candidate, std::string_view h
     }
 }
 
-void offerZones(std::string_view word, const std::vector<std::string>& given)
+/// What stands before the word that is completed.
+struct Before
 {
+    const Command* command = nullptr;
+    std::vector<std::string> arguments; ///< of the command
+    std::string option;                 ///< the option whose value the word is; empty for none
+    bool separated = false;             ///< by "--", behind which there are no options
+};
+
+/// A name that begins with a dash is one behind "--" only.
+void offerZones(std::string_view word, const Before& before)
+{
+    const auto& given = before.arguments;
     for (const std::string& name : zoneNames()) {
-        if (std::find(given.begin(), given.end(), name) == given.end()) {
+        const bool mayStand = before.separated || !name.starts_with('-');
+        if (mayStand && std::find(given.begin(), given.end(), name) == given.end()) {
             offer(word, name);
         }
     }
@@ -50,22 +62,23 @@ void offerStates(std::string_view word)
     }
 }
 
-/// The next argument of a command, behind those that are `given`; files are the shell's own business.
-void offerArguments(const Command& command, std::string_view word, const std::vector<std::string>& given)
+/// The next argument of the command; files are the shell's own business.
+void offerArguments(std::string_view word, const Before& before)
 {
-    if (given.size() >= command.most) {
+    const bool first = before.arguments.empty();
+    if (before.arguments.size() >= before.command->most) {
         return;
     }
-    switch (command.arguments) {
+    switch (before.command->arguments) {
     case Arguments::Zones:
-        offerZones(word, given);
+        offerZones(word, before);
         break;
     case Arguments::ZoneAndState:
-        given.empty() ? offerZones(word, given) : offerStates(word);
+        first ? offerZones(word, before) : offerStates(word);
         break;
     case Arguments::CommandLine:
-        if (given.empty()) {
-            offerZones(word, given);
+        if (first) {
+            offerZones(word, before);
         }
         break;
     case Arguments::None:
@@ -109,21 +122,15 @@ void offerCommands(std::string_view word)
     });
 }
 
-/// What stands before the word that is completed.
-struct Before
-{
-    const Command* command = nullptr;
-    std::vector<std::string> arguments; ///< of the command
-    std::string option;                 ///< the option whose value the word is; empty for none
-};
-
 [[nodiscard]] Before readWords(const std::vector<std::string>& words)
 {
     Before before;
     for (const std::string& word : words) {
         if (!before.option.empty()) {
             before.option.clear();
-        } else if (word.starts_with('-')) {
+        } else if (word == "--" && !before.separated) {
+            before.separated = true;
+        } else if (word.starts_with('-') && !before.separated) {
             before.option = takesNextWord(word) ? word : "";
         } else if (before.command != nullptr) {
             before.arguments.push_back(word);
@@ -150,12 +157,12 @@ ExitStatus completeCommand(const Options& options, const Style& /*style*/)
         }
     } else if (!before.option.empty()) {
         return EXIT_OK; // a number or the name of a file
-    } else if (word.starts_with('-')) {
+    } else if (word.starts_with('-') && !before.separated) {
         offerOptions(before.command, word);
     } else if (before.command == nullptr) {
         offerCommands(word);
     } else {
-        offerArguments(*before.command, word, before.arguments);
+        offerArguments(word, before);
     }
     return EXIT_OK;
 }

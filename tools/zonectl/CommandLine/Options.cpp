@@ -61,11 +61,20 @@ private:
     return std::chrono::seconds(seconds);
 }
 
-/// The name of a file that an option takes.
-[[nodiscard]] std::string fileName(const char* option, const char* text)
+/// The name of a file that is read.
+[[nodiscard]] std::string fileName(const char* text)
 {
     if (*text == '\0') {
-        throw Failure(EXIT_USAGE, std::string(option) + " takes the name of a file, or -");
+        throw Failure(EXIT_USAGE, "--file takes the name of a file, or -");
+    }
+    return text;
+}
+
+/// The name of a file that is written. Standard output shows the changes already.
+[[nodiscard]] std::string newFileName(const std::string& text)
+{
+    if (text.empty() || text == "-") {
+        throw Failure(EXIT_USAGE, "--record takes the name of a new file, and - is none");
     }
     return text;
 }
@@ -114,6 +123,7 @@ void takePositionals(const ArgumentVector& rest, Options& options)
         const std::string text = rest.at(i);
         if (text == "--" && !separatorSeen) {
             separatorSeen = true;
+            options.separated = options.arguments.empty();
         } else if (options.command.empty()) {
             options.command = text;
         } else {
@@ -129,6 +139,8 @@ public:
     /// Takes the options out of the vector.
     void readFrom(ArgumentVector& arguments)
     {
+        // All texts are taken as file names are, byte by byte: GOption would turn others from the locale's
+        // encoding, which is ASCII, into UTF-8, which they are.
         const std::array<GOptionEntry, 15> entries = {{
             {"help", 'h', 0, G_OPTION_ARG_NONE, &help, nullptr, nullptr},
             {"version", 0, 0, G_OPTION_ARG_NONE, &version, nullptr, nullptr},
@@ -138,12 +150,12 @@ public:
             {"fix", 0, 0, G_OPTION_ARG_NONE, &fix, nullptr, nullptr},
             {"clean", 0, 0, G_OPTION_ARG_NONE, &clean, nullptr, nullptr},
             {"yes", 0, 0, G_OPTION_ARG_NONE, &yes, nullptr, nullptr},
-            {"color", 0, 0, G_OPTION_ARG_STRING, &color.text, nullptr, nullptr},
-            {"timeout", 0, 0, G_OPTION_ARG_STRING, &timeout.text, nullptr, nullptr},
-            {"wait", 0, 0, G_OPTION_ARG_STRING, &wait.text, nullptr, nullptr},
-            {"root", 0, 0, G_OPTION_ARG_STRING, &root.text, nullptr, nullptr},
-            {"file", 0, 0, G_OPTION_ARG_STRING, &file.text, nullptr, nullptr},
-            {"record", 0, 0, G_OPTION_ARG_STRING, &record.text, nullptr, nullptr},
+            {"color", 0, 0, G_OPTION_ARG_FILENAME, &color.text, nullptr, nullptr},
+            {"timeout", 0, 0, G_OPTION_ARG_FILENAME, &timeout.text, nullptr, nullptr},
+            {"wait", 0, 0, G_OPTION_ARG_FILENAME, &wait.text, nullptr, nullptr},
+            {"root", 0, 0, G_OPTION_ARG_FILENAME, &root.text, nullptr, nullptr},
+            {"file", 0, 0, G_OPTION_ARG_FILENAME, &file.text, nullptr, nullptr},
+            {"record", 0, 0, G_OPTION_ARG_FILENAME, &record.text, nullptr, nullptr},
             {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
         }};
         const OptionContextPtr context(g_option_context_new(nullptr));
@@ -183,10 +195,10 @@ public:
             options.root = rootDirectory(root.text);
         }
         if (file.text != nullptr) {
-            options.file = fileName("--file", file.text);
+            options.file = fileName(file.text);
         }
         if (record.text != nullptr) {
-            options.record = fileName("--record", record.text);
+            options.record = newFileName(record.text);
         }
         return options;
     }

@@ -29,6 +29,7 @@ struct Options
     std::string record;
     std::string command;                ///< empty when none was given
     std::vector<std::string> arguments; ///< what follows the command
+    bool separated = false; ///< "--" stood before the arguments, and one of them begins with a dash
 
     /// The bound on a call.
     [[nodiscard]] std::chrono::seconds patience() const { return timeout.value_or(std::chrono::seconds(30)); }

@@ -3,6 +3,7 @@
 #include "Daemon/Names.h"
 #include "Explain/MessageForm.h"
 #include "Explain/StoryTime.h"
+#include "Output/Output.h"
 
 #include <algorithm>
 #include <array>
@@ -162,7 +163,7 @@ void judgeRestarts(const Story& story, const ZoneStory& zone, std::vector<Findin
             {zone.name, Severity::Problem, "is in a restart loop: restarted " + text,
              zone.restarts.back().cause == Cause::FailedStart
                  ? tryTheLauncher(zone)
-                 : "find out why its init ends; 'zonectl stop " + zone.name + "' ends the restarts"});
+                 : "find out why its init ends; " + commandHint("stop", zone.name) + " ends the restarts"});
     } else {
         findings.push_back({zone.name, Severity::Warning, "was in a restart loop: restarted " + text, ""});
     }

@@ -70,6 +70,13 @@ std::string printable(std::string_view text)
     return result;
 }
 
+std::string commandHint(std::string_view command, std::string_view zone)
+{
+    std::string text = "'zonectl ";
+    text.append(command).append(zone.starts_with('-') ? " -- " : " ").append(zone);
+    return text + "'";
+}
+
 Tone stateTone(std::string_view word)
 {
     if (word == "RUNNING") {

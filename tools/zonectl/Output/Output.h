@@ -42,6 +42,9 @@ private:
 /// steer the reader's terminal.
 [[nodiscard]] std::string printable(std::string_view text);
 
+/// A command about a zone as it can be typed, in quotation marks: "'zonectl explain red'".
+[[nodiscard]] std::string commandHint(std::string_view command, std::string_view zone);
+
 /// Whether a state's word is good news, bad news or on the way.
 [[nodiscard]] Tone stateTone(std::string_view word);
 

@@ -31,8 +31,8 @@ constexpr milliseconds POLL_INTERVAL(1000);
 [[nodiscard]] std::string timeOver(const Pursuit& one, std::chrono::seconds limit)
 {
     return "it was not " + one.goal() + " within " + std::to_string(limit.count()) +
-           " s (last state: " + (one.lastState().empty() ? "unknown" : one.lastState()) +
-           "); 'zonectl explain " + one.name() + "' tells what the daemon did";
+           " s (last state: " + (one.lastState().empty() ? "unknown" : one.lastState()) + "); " +
+           commandHint("explain", one.name()) + " tells what the daemon did";
 }
 
 } // namespace

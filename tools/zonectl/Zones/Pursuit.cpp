@@ -1,5 +1,7 @@
 #include "Zones/Pursuit.h"
 
+#include "Output/Output.h"
+
 #include <utility>
 
 namespace Zonectl {
@@ -23,7 +25,7 @@ namespace {
 
 [[nodiscard]] std::string explainHint(const std::string& zone)
 {
-    return "'zonectl explain " + zone + "' tells from the log why";
+    return commandHint("explain", zone) + " tells from the log why";
 }
 
 } // namespace
@@ -60,8 +62,8 @@ void Pursuit::begin(const std::string& state, const std::string& remark)
         explanation =
             task == Errand::Wait ? remark : "it was " + state + " already; the daemon drops such a request";
     } else if (task == Errand::Start && isFrozen(state)) {
-        fail(EXIT_FAILED, "it is " + state + ", and a start fails until it is thawed: 'zonectl unfreeze " +
-                              zone + "'; nothing was asked for");
+        fail(EXIT_FAILED, "it is " + state + ", and a start fails until it is thawed: " +
+                              commandHint("unfreeze", zone) + "; nothing was asked for");
     } else if (task == Errand::Unfreeze && state == "STOPPED") {
         fail(EXIT_FAILED, "it is STOPPED, so that there is nothing to thaw; nothing was asked for");
     }

@@ -208,8 +208,8 @@ private:
                 std::cout << style.paint(stateTone(one.lastState()), one.lastState())
                           << (one.reason().empty() ? "" : " (" + one.reason() + ")") << "\n";
             } else {
-                std::cout << errandWord(one.errand()) << " is queued; 'zonectl status "
-                          << printable(one.name()) << "' or --wait tells the outcome\n";
+                std::cout << errandWord(one.errand()) << " is queued; "
+                          << printable(commandHint("status", one.name())) << " or --wait tells the outcome\n";
             }
         }
     }
