@@ -17,11 +17,12 @@ SERVICE = ("org.ornix.zoneframework", "/org/ornix/zoneframework", "org.ornix.zon
 
 
 class Zonectl:
-    def __init__(self, root):
+    def __init__(self, root, *prefix):
         self.root = root
+        self.command = [*prefix, ZONECTL]
 
     def run(self, *arguments, status=OK):
-        result = self.root.run([ZONECTL, *arguments], check=False, timeout=HANG_GUARD)
+        result = self.root.run([*self.command, *arguments], check=False, timeout=HANG_GUARD)
         assert result.returncode == status, f"{result.stdout}{result.stderr}"
         return result
 
@@ -32,7 +33,7 @@ class Zonectl:
         return {zone["name"]: zone for zone in self.json(command, *names, status=status)}
 
     def popen(self, *arguments):
-        return self.root.popen([ZONECTL, *arguments], stdout=-1, stderr=-1, text=True)
+        return self.root.popen([*self.command, *arguments], stdout=-1, stderr=-1, text=True)
 
     @property
     def processes(self):
@@ -108,6 +109,49 @@ def test_what_is_told_of_each_zone(managed, zonectl):
     assert "'red' is no isolation zone" in zonectl.run("pid", "red", status=FAILED).stderr
     nobody = zonectl.run("pid", "nobody", status=FAILED).stderr
     assert "no container is called 'nobody' (there are: blue, gold, green, red)" in nobody
+
+
+NO_CALL = "zonectl: {}the bus does not permit you to call {} (are you root?)\n"
+REFUSED_TO_OTHERS = {
+    ("list",): ("", "GetZoneList"),
+    ("status", "blue", "gold"): ("", "GetZoneList"),
+    ("version",): ("", "GetZoneList"),
+    ("version", "blue"): ("", "GetVersion"),
+    ("start", "--wait", "green"): ("green: ", "ZoneGetState"),
+    ("stop", "blue"): ("blue: ", "ZoneGetState"),
+    ("unfreeze", "blue"): ("blue: ", "ZoneGetState"),
+    ("wait", "blue", "STOPPED"): ("blue: ", "ZoneGetState"),
+    ("attach", "blue", "--", "ls"): ("", "ZoneAttach"),
+}
+
+
+def test_who_is_not_root_is_told_why_it_is_refused(managed, root, bus):
+    """Everybody gets what files and the init-pid socket tell; of all else, one line says who may ask."""
+    other = Zonectl(root, "setpriv", "--reuid=65534", "--regid=65534", "--clear-groups")
+    for arguments, (zone, method) in REFUSED_TO_OTHERS.items():
+        assert other.run(*arguments, status=FAILED).stderr == NO_CALL.format(zone, method), arguments
+    assert bus.call("ZoneGetState", "blue") == 3 and bus.call("ZoneGetState", "green") == 1
+    [request] = other.json("start", "green", status=FAILED)
+    assert (request["queued"], request["done"]) == (False, False)
+    assert "the bus does not permit you to call" in request["reason"]
+
+    assert int(other.run("pid", "blue").stdout) == managed.init_pid("blue")
+    assert "'red' is no isolation zone" in other.run("pid", "red", status=FAILED).stderr
+    managed.define("late", "isolation")
+    assert "'late' is no isolation zone of the daemon's" in other.run("pid", "late", status=FAILED).stderr
+    root.remove("/var/lib/lxc/late/config")
+    tables = [json.loads(line) for line in other.run("top", "--json", "--timeout=1").stdout.splitlines()]
+    assert {row["name"]: row["state"] for row in tables[-1]} == {
+        "blue": "RUNNING",
+        "gold": "STOPPED",
+        "green": "STOPPED",
+        "red": "RUNNING",
+    }
+    assert {row["state_source"] for row in tables[-1]} == {"control-groups"}
+    left_out = other.run("labels", status=FAILED).stderr
+    for name in ("blue", "gold", "green", "red"):
+        assert f"left out {name}: this user may not read its configuration\n" in left_out
+    assert other.run("complete", "--", "status", "g").stdout == "gold\ngreen\n"
 
 
 def test_of_a_protection_zone_the_processes_tell(managed, zonectl):

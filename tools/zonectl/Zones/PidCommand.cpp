@@ -28,8 +28,10 @@ constexpr std::chrono::seconds PATIENCE(5);
     if (readContainer(machine, lxcPath, zone).kind == ZUP::ZONE_TYPE_ISOLATION) {
         return "zone '" + zone + "': " + NOT_TAKEN;
     }
+    // Others than root may not see what it is instead.
     return "'" + zone +
-           "' is no isolation zone: the socket answers for those only ('zonectl status' tells of all)";
+           "' is no isolation zone of the daemon's: the socket answers for those only "
+           "('zonectl status' tells of all)";
 }
 
 } // namespace
