@@ -3,6 +3,7 @@
 import json
 import os
 import pty
+import select
 import subprocess
 import time
 
@@ -20,18 +21,35 @@ def fix(machine, *options):
 
 
 class Terminal:
-    """zonectl with somebody at a terminal, who types ahead."""
+    """zonectl with somebody at a terminal, who answers each question when it is there."""
 
-    def __init__(self, typed, *options):
+    QUESTION = b"[y/N] "
+
+    def __init__(self, *options, typed_ahead=b""):
         self.leader, follower = pty.openpty()
-        os.write(self.leader, typed)
+        self.shown = b""
+        os.write(self.leader, typed_ahead)
+        while self.shown.count(b"\n") < typed_ahead.count(b"\n"):
+            self.read()  # the terminal's echo: by then it is there to be read
         self.process = subprocess.Popen([bus_fixtures.ZONECTL, *ARGUMENTS, *options], stdin=follower,
                                         stdout=subprocess.PIPE, stderr=follower, text=True)
         os.close(follower)
 
+    def read(self):
+        assert select.select([self.leader], [], [], bus_fixtures.DEADLINE)[0], self.shown
+        self.shown += os.read(self.leader, 65536)
+
+    def answer(self, *answers):
+        for text in answers:
+            begin = len(self.shown)
+            while self.QUESTION not in self.shown[begin:]:
+                self.read()
+            os.write(self.leader, text)
+        return self
+
     def finish(self):
         output, _ = self.process.communicate(timeout=bus_fixtures.DEADLINE)
-        return self.process.returncode, output, bus_fixtures.shown_on(self.leader)
+        return self.process.returncode, output, self.shown.decode() + bus_fixtures.shown_on(self.leader)
 
 
 @pytest.fixture
@@ -131,7 +149,7 @@ def test_a_failure_is_told_and_the_others_are_mended(broken):
 
 
 def test_each_change_is_asked_for(broken):
-    status, output, asked = Terminal(b"n\ny\n\n", "--root", str(broken)).finish()
+    status, output, asked = Terminal("--root", str(broken)).answer(b"n\n", b"y\n", b"\n").finish()
     assert status == 1
     assert asked.count("Do that? [y/N]") == 3
     assert f"chmod 755 {broken}/zone/config/zone-launcher" in asked
@@ -141,14 +159,20 @@ def test_each_change_is_asked_for(broken):
     assert (broken / "zone/config/zone-launcher").stat().st_mode & 0o777 == 0o644
 
 
+def test_what_was_typed_before_a_question_is_no_answer_to_it(broken):
+    terminal = Terminal("--root", str(broken), typed_ahead=b"y\ny\ny\n")
+    status, output, _ = terminal.answer(b"n\n", b"n\n", b"n\n").finish()
+    assert status == 1 and output.count("kept ") == 3
+
+
 def test_the_end_of_the_input_is_a_no(broken):
-    status, output, _ = Terminal(b"\x04\x04\x04", "--root", str(broken)).finish()
+    status, output, _ = Terminal("--root", str(broken)).answer(b"\x04", b"\x04", b"\x04").finish()
     assert status == 1 and output.count("kept ") == 3
 
 
 def test_a_question_does_not_wait_for_ever(broken):
     begin = time.monotonic()
-    status, output, asked = Terminal(b"", "--timeout", "1", "--root", str(broken)).finish()
+    status, output, asked = Terminal("--timeout", "1", "--root", str(broken)).finish()
     assert status == 1 and asked.count("[y/N]") == 1, "who does not answer is not asked again"
     assert output.count("no answer in time") == 3
     assert time.monotonic() - begin >= 1

@@ -5,6 +5,7 @@
 #include <array>
 #include <iostream>
 #include <poll.h>
+#include <termios.h>
 #include <unistd.h>
 
 namespace Zonectl {
@@ -16,6 +17,7 @@ bool canAsk()
 
 std::optional<bool> ask(const std::string& question, std::chrono::seconds patience)
 {
+    tcflush(STDIN_FILENO, TCIFLUSH); // who typed before the question cannot have meant it
     std::cerr << printable(question) << " [y/N] " << std::flush;
     pollfd input{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
     const auto limit = std::chrono::duration_cast<std::chrono::milliseconds>(patience);
