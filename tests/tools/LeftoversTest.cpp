@@ -268,9 +268,31 @@ TEST(Leftovers, ANumberedContainerDoesNotDependOnItsNamesake)
     EXPECT_TRUE(search(tree).empty());
 }
 
+TEST(Leftovers, RemediesAreWordsOfTheShell)
+{
+    const MachineTree tree;
+    tree.addContainer("x;id");
+    tree.addProcess({.pid = INIT, .rootOf = "x;id"});
+    tree.addGroup("cpu", "lxc.payload/x;id", {INIT});
+    tree.addGroup("freezer", "lxc.payload/x;id", {INIT});
+    tree.write("/sys/fs/cgroup/freezer/lxc.payload/x;id/freezer.state", "FROZEN");
+    tree.write("/sys/fs/cgroup/freezer/lxc.payload/x;id/freezer.self_freezing", "1");
+    tree.write("/run/lxc/pid/x;id.pid", "99999");
+    std::vector<std::string> remedies;
+    for (const Leftover& leftover : search(tree)) {
+        remedies.push_back(leftover.remedy);
+    }
+    EXPECT_EQ(remedies, (std::vector<std::string>{
+                            "echo THAWED > '/sys/fs/cgroup/freezer/lxc.payload/x;id/freezer.state'",
+                            "find /sys/fs/cgroup/*'/lxc.payload/x;id' -depth -type d -exec rmdir {} \\;",
+                            "rm '/run/lxc/pid/x;id.pid'"}));
+}
+
 TEST(Leftovers, PathsWithoutACommonShapeAreNamedOneByOne)
 {
     const Leftover leftover{
         .paths = {"/sys/fs/cgroup/lxc.payload/red", "/sys/fs/cgroup/cpu/lxc.payload/red"}};
     EXPECT_EQ(placeOf(leftover), "/sys/fs/cgroup/lxc.payload/red /sys/fs/cgroup/cpu/lxc.payload/red");
+    EXPECT_EQ(placeOf({.paths = {"/a b"}}), "'/a b'");
+    EXPECT_EQ(placeOf({.paths = {"/a b", "/c"}}), "'/a b' /c");
 }

@@ -3,6 +3,7 @@
 #include "Daemon/Names.h"
 #include "Device/ControlGroups.h"
 #include "Device/ProcessTable.h"
+#include "Doctor/Repair.h"
 #include "Leftovers/PidFile.h"
 
 #include <algorithm>
@@ -63,6 +64,11 @@ constexpr std::string_view UNPROVEN = "; that it is this container's cannot be p
     }
     const auto configured = machine.status(container.rootfsPath);
     return configured && actual->sameFileAs(*configured);
+}
+
+[[nodiscard]] std::string thawCommand(const FreezerState& freezer)
+{
+    return "echo " + freezer.thawed + " > " + shellWord(freezer.file);
 }
 
 class Search
@@ -220,7 +226,7 @@ private:
                     group.holds(process.pid) ? freezerState(machine, group.path) : FreezerState{};
                 freezer.progress != FreezerState::Progress::Thawed) {
                 leftover.thaws.emplace_back(freezer.file, freezer.thawed);
-                leftover.remedy += "; echo " + freezer.thawed + " > " + freezer.file;
+                leftover.remedy += "; " + thawCommand(freezer);
             }
         }
         found.push_back(std::move(leftover));
@@ -271,7 +277,7 @@ private:
                           .container = owner.name,
                           .paths = {group.path},
                           .why = std::move(why),
-                          .remedy = "echo " + state.thawed + " > " + state.file,
+                          .remedy = thawCommand(state),
                           .thaws = {{state.file, state.thawed}}};
         if (!isOwn(group, owner).has_value()) {
             leftover.removable = false;
@@ -347,7 +353,7 @@ private:
                                  .container = name,
                                  .paths = {path},
                                  .why = why,
-                                 .remedy = "rm " + path});
+                                 .remedy = "rm " + shellWord(path)});
             }
         }
     }
@@ -431,7 +437,7 @@ std::string placeOf(const Leftover& leftover)
 {
     const std::vector<std::string>& paths = leftover.paths;
     if (paths.size() < 2) {
-        return paths.empty() ? "" : paths.front();
+        return paths.empty() ? "" : shellWord(paths.front());
     }
     // All end alike, with the group's name; what differs are the hierarchies in front of it.
     const std::string& one = paths.front();
@@ -452,11 +458,11 @@ std::string placeOf(const Leftover& leftover)
         return path.size() > head + tail && path.find('/', head) >= path.size() - tail;
     };
     if (std::all_of(paths.begin(), paths.end(), oneNameBetween)) {
-        return one.substr(0, head) + "*" + one.substr(one.size() - tail);
+        return shellWord(one.substr(0, head)) + "*" + shellWord(one.substr(one.size() - tail));
     }
     std::string text;
     for (const std::string& path : paths) {
-        text += (text.empty() ? "" : " ") + path;
+        text += (text.empty() ? "" : " ") + shellWord(path);
     }
     return text;
 }
