@@ -105,7 +105,7 @@ BusClient::BusClient(std::chrono::milliseconds patience)
         g_main_context_iteration(nullptr, TRUE);
     }
     if (!bus) {
-        throw Failure(EXIT_UNREACHABLE, "cannot reach the system bus: " + trouble);
+        throw noBus(trouble);
     }
 }
 
