@@ -5,6 +5,7 @@ import os
 import pty
 import socket
 import subprocess
+import threading
 
 import bus_fixtures
 import pytest
@@ -59,6 +60,31 @@ def mute_address(tmp_path):
 def test_a_bus_that_says_nothing_is_given_up(mute_address, arguments):
     result = bus_fixtures.zonectl("--timeout", "1", *arguments, address=mute_address)
     assert refused(result, 3) and "did not answer" in result.stderr
+
+
+def let_in(listener):
+    """Takes one client, agrees to whatever it proposes as a bus does, and answers no message."""
+    client, _ = listener.accept()
+    with client:
+        client.settimeout(bus_fixtures.DEADLINE)
+        while words := client.recv(4096):
+            if b"AUTH EXTERNAL" in words:
+                client.sendall(b"OK " + b"0" * 32 + b"\r\n")
+            elif b"NEGOTIATE_UNIX_FD" in words:
+                client.sendall(b"AGREE_UNIX_FD\r\n")
+            elif b"AUTH" in words:
+                client.sendall(b"REJECTED EXTERNAL\r\n")
+
+
+def test_a_bus_that_says_nothing_after_a_welcome_is_given_up(tmp_path):
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(str(tmp_path / "bus"))
+        listener.listen()
+        bus = threading.Thread(target=let_in, args=(listener,))
+        bus.start()
+        result = bus_fixtures.zonectl("list", "--timeout=1", address=f"unix:path={tmp_path}/bus")
+        bus.join(bus_fixtures.DEADLINE)
+    assert refused(result, 3) and "did not answer in time" in result.stderr
 
 
 def test_nobody_waits_for_a_bus_that_can_be_done_without(mute_address):

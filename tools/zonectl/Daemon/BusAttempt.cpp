@@ -26,11 +26,24 @@ BusAttempt::~BusAttempt()
     g_cancellable_cancel(cancellable.get());
 }
 
+void BusAttempt::tell(ZoneCore::GBusConnectionPtr connection, const std::string& reason)
+{
+    self.reset(); // what comes later is for nobody
+    if (timer != 0) {
+        g_source_remove(std::exchange(timer, 0));
+    }
+    // The taker is not kept where it could be destroyed while it runs.
+    const Taker outcomeTaker = std::move(taker);
+    outcomeTaker(std::move(connection), reason);
+}
+
 gboolean BusAttempt::giveUpCallback(gpointer data)
 {
     auto* attempt = static_cast<BusAttempt*>(data);
     attempt->timer = 0;
+    // The bus library does not let everything be cancelled: what it waits for is not waited for here.
     g_cancellable_cancel(attempt->cancellable.get());
+    attempt->tell(nullptr, "it did not answer in time");
     return G_SOURCE_REMOVE;
 }
 
@@ -40,18 +53,9 @@ void BusAttempt::connectedCallback(GObject* /*source*/, GAsyncResult* result, gp
     ZoneCore::GErrorPtr error;
     ZoneCore::GBusConnectionPtr made(
         g_dbus_connection_new_for_address_finish(result, ZoneCore::OutError(error)));
-    const auto alive = ticket->lock();
-    if (!alive) {
-        return;
+    if (const auto alive = ticket->lock()) {
+        (*alive)->tell(std::move(made), error ? error->message : "");
     }
-    BusAttempt& attempt = **alive;
-    if (attempt.timer != 0) {
-        g_source_remove(std::exchange(attempt.timer, 0));
-    }
-    const bool givenUp = g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_CANCELLED) != FALSE;
-    // The taker is not kept where it could be destroyed while it runs.
-    const Taker tell = std::move(attempt.taker);
-    tell(std::move(made), !error ? "" : givenUp ? "it did not answer in time" : error->message);
 }
 
 } // namespace Zonectl

@@ -29,6 +29,8 @@ private:
 
     static void connectedCallback(GObject* source, GAsyncResult* result, gpointer data);
     static gboolean giveUpCallback(gpointer data);
+    /// Tells the outcome, once. The object may be gone afterwards.
+    void tell(ZoneCore::GBusConnectionPtr connection, const std::string& reason);
 
     std::shared_ptr<BusAttempt*> self = std::make_shared<BusAttempt*>(this);
     std::unique_ptr<GCancellable, ZoneCore::FreeWith<g_object_unref>> cancellable{g_cancellable_new()};
