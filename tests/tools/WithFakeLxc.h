@@ -4,6 +4,7 @@
 #include "tests/support/unit/PrivateRoot.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <sys/wait.h>
@@ -20,6 +21,7 @@ protected:
         std::filesystem::create_directories("/zone/config");
         std::filesystem::copy_file(FAKE_LXC_FILE, Names::LXC_LIBRARY,
                                    std::filesystem::copy_options::overwrite_existing);
+        setenv("FAKE_LXC_DIR", CONTROL_DIRECTORY, 1);
         control("lxcpath", "/var/lib/lxc");
         for (const char* name : {"blue", "red"}) {
             control(std::string("containers/") + name + "/state", "RUNNING");
@@ -29,18 +31,21 @@ protected:
     {
         EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a process is left behind";
         EXPECT_EQ(errno, ECHILD);
-        std::filesystem::remove_all("/run/fake-lxc");
+        std::filesystem::remove_all(CONTROL_DIRECTORY);
         std::filesystem::remove(Names::LXC_LIBRARY);
     }
 
     /// Writes a control file of that library.
     static void control(const std::string& name, const std::string& text)
     {
-        const std::filesystem::path file = std::filesystem::path("/run/fake-lxc") / name;
+        const std::filesystem::path file = std::filesystem::path(CONTROL_DIRECTORY) / name;
         std::filesystem::create_directories(file.parent_path());
         ZoneTest::writeFile(file, text);
     }
     static void delay(const std::string& function) { control("delays/" + function, "60000"); }
+
+private:
+    static constexpr const char* CONTROL_DIRECTORY = "/var/fake-lxc"; // not below /run, which is covered
 };
 
 } // namespace Zonectl

@@ -1,5 +1,6 @@
 #include "Device/LxcLibrary.h"
 
+#include "CommandLine/Failure.h"
 #include "Daemon/ZoneWords.h"
 #include "Device/ProgramFile.h"
 #include "Device/QuietCorner.h"
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <dlfcn.h>
 #include <lxc/lxccontainer.h>
+#include <sstream>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -32,12 +34,53 @@ constexpr std::array NEEDED = {
 
 constexpr int RUNNING_ON_THE_WIRE = 2;
 
+/// Some milliseconds for each container would be much, unless one of them makes the library wait.
+constexpr std::chrono::seconds LISTING_PATIENCE(10);
+
 [[nodiscard]] std::string item(lxc_container& container, const char* key)
 {
     std::array<char, 4096> buffer = {};
     const int length =
         container.get_config_item(&container, key, buffer.data(), static_cast<int>(buffer.size()));
     return length < 1 ? std::string() : std::string(buffer.data());
+}
+
+/// What the daemon gets to see of a container: in this order, each value with a zero byte behind it.
+constexpr std::array VALUES = {"lxc.start.auto", "lxc.rootfs.path", "lxc.cgroup.dir.container",
+                               "lxc.cgroup.dir.monitor", "lxc.cgroup.dir.monitor.pivot"};
+
+[[nodiscard]] std::string asText(lxc_container& container)
+{
+    const int kind = container.get_config_item(&container, "lxc.container_type", nullptr, 0);
+    std::string text = container.name + std::string(1, '\0') + std::to_string(kind) + '\0';
+    for (const char* key : VALUES) {
+        text += item(container, key) + '\0';
+    }
+    return text;
+}
+
+/// The containers in such texts, one behind the other.
+[[nodiscard]] std::vector<ContainerInfo> fromText(const std::string& text)
+{
+    std::vector<ContainerInfo> containers;
+    std::istringstream values(text);
+    const auto next = [&values] {
+        std::string value;
+        std::getline(values, value, '\0');
+        return value;
+    };
+    for (std::string name = next(); values; name = next()) {
+        ContainerInfo info;
+        info.name = std::move(name);
+        info.kind = kindFromText(next());
+        info.autoStart = next() == "1";
+        info.rootfsPath = next();
+        info.payloadCgroup = next();
+        info.monitorCgroup = next();
+        info.pivotCgroup = next();
+        containers.push_back(std::move(info));
+    }
+    return containers;
 }
 
 /// What only the file tells: how something is worded there.
@@ -101,19 +144,6 @@ std::string LxcLibrary::tryMonitorFunctions(const std::string& lxcPath) const
     return {};
 }
 
-ContainerInfo LxcLibrary::describe(lxc_container& container)
-{
-    ContainerInfo info;
-    info.name = container.name;
-    info.kind = kindFromNumber(container.get_config_item(&container, "lxc.container_type", nullptr, 0));
-    info.autoStart = item(container, "lxc.start.auto") == "1";
-    info.rootfsPath = item(container, "lxc.rootfs.path");
-    info.payloadCgroup = item(container, "lxc.cgroup.dir.container");
-    info.monitorCgroup = item(container, "lxc.cgroup.dir.monitor");
-    info.pivotCgroup = item(container, "lxc.cgroup.dir.monitor.pivot");
-    return info;
-}
-
 ContainerListing LxcLibrary::list(const Machine& machine) const
 {
     ContainerListing listing;
@@ -122,7 +152,12 @@ ContainerListing LxcLibrary::list(const Machine& machine) const
         return listing;
     }
     listing.lxcPath = path;
-    addContainers(listing);
+    const auto described = lookQuietly([&] { return describeAll(listing.lxcPath); }, LISTING_PATIENCE);
+    if (!described) {
+        throw Failure(EXIT_FAILED, "liblxc does not get through the containers below " + listing.lxcPath +
+                                       " (is each one's 'config' a file?)");
+    }
+    listing.containers = fromText(*described);
     for (ContainerInfo& info : listing.containers) {
         addWording(info, readContainer(machine, listing.lxcPath, info.name));
     }
@@ -136,19 +171,20 @@ ContainerListing LxcLibrary::list(const Machine& machine) const
     return listing;
 }
 
-void LxcLibrary::addContainers(ContainerListing& listing) const
+std::string LxcLibrary::describeAll(const std::string& lxcPath) const
 {
-    const QuietCorner corner;
+    std::string text;
     lxc_container** containers = nullptr;
     const int count =
-        function<ListContainers>("list_defined_containers")(listing.lxcPath.c_str(), nullptr, &containers);
+        function<ListContainers>("list_defined_containers")(lxcPath.c_str(), nullptr, &containers);
     for (int i = 0; i < count; ++i) {
-        listing.containers.push_back(describe(*containers[i]));
+        text += asText(*containers[i]);
         function<PutContainer>("lxc_container_put")(containers[i]);
     }
     if (count > 0) {
         std::free(containers);
     }
+    return text;
 }
 
 bool LxcLibrary::askState(const std::string& name, const std::function<void()>& beforeAsking) const
@@ -159,13 +195,7 @@ bool LxcLibrary::askState(const std::string& name, const std::function<void()>& 
     if (path == nullptr || open == nullptr || !isDefined(path, name)) {
         return false;
     }
-    lxc_container* container = nullptr;
-    {
-        // To open a container is to wait for its lock. The daemon has done so long ago, and the question
-        // itself takes none; so it is opened where nobody holds its lock.
-        const QuietCorner corner;
-        container = open(name.c_str(), path);
-    }
+    lxc_container* container = open(name.c_str(), path);
     if (container == nullptr) {
         return false;
     }

@@ -7,11 +7,9 @@
 #include <string>
 #include <vector>
 
-struct lxc_container;
-
 namespace Zonectl {
 
-/// The liblxc that the daemon uses, loaded from its fixed path. Never throws; what fails is told by `error`.
+/// The liblxc that the daemon uses, loaded from its fixed path. That it cannot be loaded is told by `error`.
 class LxcLibrary
 {
 public:
@@ -32,7 +30,8 @@ public:
     /// nothing did. To be called on a usable library only.
     [[nodiscard]] std::string tryMonitorFunctions(const std::string& lxcPath) const;
 
-    /// Lists the containers exactly as the daemon gets to see them. To be called on a usable library only.
+    /// Lists the containers exactly as the daemon gets to see them. Throws Failure when the library does not
+    /// come to an end with them. To be called on a usable library only.
     [[nodiscard]] ContainerListing list(const Machine& machine) const;
 
     /// Asks a container's monitor process for the state, as the daemon does: without a limit, for liblxc
@@ -44,9 +43,8 @@ public:
 private:
     template <typename Function>
     [[nodiscard]] Function function(const char* name) const;
-    void addContainers(ContainerListing& listing) const;
+    [[nodiscard]] std::string describeAll(const std::string& lxcPath) const;
     [[nodiscard]] bool isDefined(const char* lxcPath, const std::string& name) const;
-    [[nodiscard]] static ContainerInfo describe(lxc_container& container);
 
     void* handle = nullptr;
     std::string loadError;

@@ -1,19 +1,16 @@
 #include "Device/MonitorProbe.h"
 
-#include "Common/Handles.h"
 #include "Daemon/Names.h"
+#include "Device/ChildProcess.h"
 #include "Device/LxcLibrary.h"
+#include "Device/QuietCorner.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
-#include <fcntl.h>
 #include <optional>
 #include <poll.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
+#include <unistd.h>
 
 namespace Zonectl {
 
@@ -24,67 +21,40 @@ using std::chrono::milliseconds;
 
 /// How long a process may take until it comes to its question, on a machine with much to do.
 constexpr milliseconds LONGEST_PREPARATION(1000);
-/// A killed process is gone at once, unless the kernel holds it.
-constexpr milliseconds LONGEST_END(100);
-constexpr int END_STEP_MS = 2;
 
 /// What the process tells, each by one byte.
 constexpr char ASKING = '?';
 constexpr char ANSWERED = '!';
 
-/// The child's whole life. Nothing of the parent's is run or flushed at its end.
-[[noreturn]] void ask(const LxcLibrary& library, const std::string& container, int teller)
+/// What the process does.
+void ask(const LxcLibrary& library, const std::string& container, int teller)
 {
-    // Whatever happens to the parent, this process does not wait for ever.
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC); nowhere >= 0) {
-        dup2(nowhere, STDOUT_FILENO); // liblxc may have something to say
-        dup2(nowhere, STDERR_FILENO);
-    }
     const auto tell = [teller](char byte) {
         if (write(teller, &byte, 1) != 1) {
             _exit(EXIT_FAILURE);
         }
     };
+    // To open a container is to wait for its lock. The daemon has done so long ago, and the question itself
+    // takes none; so it is opened where nobody holds its lock.
+    coverRunDirectory();
     if (library.askState(container, [&tell] { tell(ASKING); })) {
         tell(ANSWERED);
     }
-    _exit(EXIT_SUCCESS);
 }
 
 /// One process that asks; it ends with the object.
 class Probe
 {
 public:
-    Probe(const LxcLibrary& library, std::string askedContainer) : container(std::move(askedContainer))
-    {
-        std::array<int, 2> ends = {-1, -1};
-        if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-            return;
-        }
-        reader.reset(ends[0]);
-        const ZoneCore::UniqueFd writer(ends[1]);
-        child = fork();
-        if (child == 0) {
-            ask(library, container, writer.get());
-        }
-        if (child < 0) {
-            reader.reset();
-        }
-    }
-    ~Probe() { end(); }
-    Probe(Probe&& other) noexcept
-        : container(std::move(other.container)), reader(std::move(other.reader)),
-          child(std::exchange(other.child, -1)), asking(other.asking), heard(other.heard)
+    Probe(const LxcLibrary& library, std::string askedContainer)
+        : container(std::move(askedContainer)),
+          process([&library, name = container](int teller) { ask(library, name, teller); })
     {}
-    Probe& operator=(Probe&&) = delete;
-    Probe(const Probe&) = delete;
-    Probe& operator=(const Probe&) = delete;
 
     [[nodiscard]] const std::string& name() const { return container; }
     [[nodiscard]] MonitorVoice voice() const { return heard; }
     /// The end of the pipe to wait at; -1 when nothing more is to come.
-    [[nodiscard]] int descriptor() const { return reader.get(); }
+    [[nodiscard]] int descriptor() const { return process.descriptor(); }
     /// When there is no more waiting for it.
     [[nodiscard]] Clock::time_point limit() const
     {
@@ -95,7 +65,7 @@ public:
     void read()
     {
         char byte = 0;
-        const ssize_t count = ::read(reader.get(), &byte, 1);
+        const ssize_t count = ::read(descriptor(), &byte, 1);
         if (count < 0 && errno == EINTR) {
             return;
         }
@@ -106,34 +76,19 @@ public:
         if (count == 1 && byte == ANSWERED) {
             heard = MonitorVoice::Answers;
         }
-        reader.reset();
+        process.stopListening();
     }
 
     /// Also before its question: whatever holds liblxc up there may hold the daemon up as well.
     void giveUp()
     {
         heard = MonitorVoice::Silent;
-        reader.reset();
+        process.stopListening();
     }
 
 private:
-    /// By its own number, which is nobody else's until it has been waited for.
-    void end()
-    {
-        if (child <= 0) {
-            return;
-        }
-        kill(child, SIGKILL);
-        const Clock::time_point patience = Clock::now() + LONGEST_END;
-        while (waitpid(child, nullptr, WNOHANG) == 0 && Clock::now() < patience) {
-            poll(nullptr, 0, END_STEP_MS);
-        }
-        child = -1;
-    }
-
     std::string container;
-    ZoneCore::UniqueFd reader;
-    pid_t child = -1;
+    ChildProcess process;
     Clock::time_point begun = Clock::now();
     std::optional<Clock::time_point> asking;
     MonitorVoice heard = MonitorVoice::Unknown;

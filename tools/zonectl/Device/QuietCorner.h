@@ -1,25 +1,20 @@
 #pragma once
 
-#include "Common/Handles.h"
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
 
 namespace Zonectl {
 
-/// liblxc cannot look at a container without making lock files below /run and waiting for whoever holds them,
-/// and complains on standard error of what it cannot load. As long as this object lives the calling thread
-/// has a /run of its own, which is gone afterwards, and the complaints go nowhere. Where the kernel does not
-/// permit that, all is as ever.
-class QuietCorner
-{
-public:
-    QuietCorner();
-    ~QuietCorner();
-    QuietCorner(const QuietCorner&) = delete;
-    QuietCorner& operator=(const QuietCorner&) = delete;
+/// liblxc cannot look at a container without making lock files below /run and waiting for whoever holds them.
+/// This gives the calling process an empty /run of its own, for the rest of its life: it is for short-lived
+/// ones. Where the kernel does not permit that, all stays as it is.
+void coverRunDirectory();
 
-private:
-    ZoneCore::UniqueFd mounts;    ///< the namespace to come back to
-    ZoneCore::UniqueFd directory; ///< as is the working directory
-    ZoneCore::UniqueFd errors;    ///< the standard error output
-};
+/// Looks from a short-lived process with a covered /run, whose complaints on standard error go nowhere.
+/// @return what `look` returned; nothing when the process died on the way or took longer than `patience`
+[[nodiscard]] std::optional<std::string> lookQuietly(const std::function<std::string()>& look,
+                                                     std::chrono::milliseconds patience);
 
 } // namespace Zonectl
