@@ -29,3 +29,10 @@ def test_without_the_right_to_change_roots_it_still_sees_the_real_run_directory(
     root.write("/run/lxc/pid/red.pid", "4194304\n")
     result = root.run(["setpriv", "--bounding-set", "-sys_chroot", ZONECTL, "leftovers"], check=False)
     assert "/run/lxc/pid/red.pid" in result.stdout and result.returncode == 1, result.stdout + result.stderr
+
+
+def test_a_configuration_that_is_no_file_holds_nothing_up(root, zones):
+    zones.define("red")
+    root.run("mkdir /var/lib/lxc/queue && mkfifo /var/lib/lxc/queue/config")
+    result = root.run([ZONECTL, "list", "--timeout", "1"], check=False, timeout=20)
+    assert "red" in result.stdout and "queue" in result.stdout and result.returncode == 3, result.stderr

@@ -52,8 +52,8 @@ public:
                                    std::to_string(process.startTicks) + " 23 24\n");
         write(place + "/status", "Name:\ta\nNSpid:\t" + pid + (process.namespaceInit ? "\t1\n" : "\n"));
         write(place + "/cmdline", process.title + std::string(1, '\0'));
-        std::filesystem::create_directory_symlink(
-            root() + (process.rootOf.empty() ? "/" : rootfsOf(process.rootOf)), root() + place + "/root");
+        std::filesystem::create_directory_symlink(process.rootOf.empty() ? "/" : rootfsOf(process.rootOf),
+                                                  root() + place + "/root");
     }
 
     /// Makes a control group with the processes in it, and those above it, as far as they are missing,

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Common/Handles.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -33,8 +35,9 @@ struct FreeSpace
     std::optional<std::uint64_t> files; ///< nothing where they are not counted
 };
 
-/// A system's files: the running machine's, or those below another root. Only looks, never changes.
-/// All paths are absolute paths of that system.
+/// A system's files: the running machine's, or those below another root, in which symbolic links lead to
+/// where they would lead on that system, and never out of it. Only looks, never changes. All paths are
+/// absolute paths of that system.
 class Machine
 {
 public:
@@ -69,13 +72,16 @@ public:
     [[nodiscard]] std::string linkTarget(const std::string& path) const;
     /// The path's Smack label; nothing when it has none or it cannot be read.
     [[nodiscard]] std::optional<std::string> label(const std::string& path) const;
-    /// The file's text, which may be empty; nothing when it cannot be read.
+    /// The file's text, which may be empty; nothing when it cannot be read, or is no regular file.
     [[nodiscard]] std::optional<std::string> read(const std::string& path) const;
     /// The names in a directory, sorted by bytes; empty when it cannot be read.
     [[nodiscard]] std::vector<std::string> entries(const std::string& path) const;
 
 private:
-    [[nodiscard]] std::string at(const std::string& path) const { return root + path; }
+    [[nodiscard]] ZoneCore::UniqueFd open(const std::string& path, int flags) const;
+    /// To be asked about, not read.
+    [[nodiscard]] ZoneCore::UniqueFd find(const std::string& path) const;
+    [[nodiscard]] ZoneCore::UniqueFd findEntry(const std::string& path) const;
 
     std::string root;
 };
