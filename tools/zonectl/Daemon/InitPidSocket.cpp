@@ -3,6 +3,7 @@
 #include "CommandLine/Failure.h"
 #include "Common/Handles.h"
 #include "Daemon/Names.h"
+#include "Daemon/SocketPeer.h"
 
 #include <algorithm>
 #include <array>
@@ -97,9 +98,14 @@ long askInitPid(const std::string& zone, std::chrono::milliseconds patience)
     }
     boundCalls(server.get(), end);
     const sockaddr_un address = serverAddress();
+    if (connect(server.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        throw socketFailure(errno);
+    }
+    if (const std::string reason = whyNotTheDaemon(server); !reason.empty()) {
+        throw Failure(EXIT_FAILED, "the init-pid socket is not asked: " + reason);
+    }
     // The whole question in one call, and at once: until it comes the daemon relays nothing.
-    if (connect(server.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-        send(server.get(), zone.data(), zone.size(), MSG_NOSIGNAL) < 0) {
+    if (send(server.get(), zone.data(), zone.size(), MSG_NOSIGNAL) < 0) {
         throw socketFailure(errno);
     }
     const std::string answer = readAnswer(server.get(), end);

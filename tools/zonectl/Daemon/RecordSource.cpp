@@ -1,5 +1,6 @@
 #include "Common/Handles.h"
 #include "Daemon/ChangeSource.h"
+#include "Daemon/SocketPeer.h"
 #include "Daemon/StateRecord.h"
 
 #include <array>
@@ -40,9 +41,9 @@ public:
             retryLater();
             listener.sourceMissing(std::string("the zone manager is not running (its socket: ") +
                                    std::strerror(error) + ")");
-        } else if (!taken()) {
+        } else if (const std::string reason = whyRefused(); !reason.empty()) {
             disconnect();
-            listener.sourceRefused("the zone manager takes subscribers of its own user only (are you root?)");
+            listener.sourceRefused(reason);
         } else {
             watch = g_unix_fd_add(fd.get(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR),
                                   &RecordSource::readableCallback, this);
@@ -63,11 +64,14 @@ private:
     }
 
     /// Others than its own user's are closed at once, again and again.
-    [[nodiscard]] bool taken() const
+    [[nodiscard]] std::string whyRefused() const
     {
-        ucred daemon = {};
-        socklen_t size = sizeof(daemon);
-        return getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &daemon, &size) != 0 || daemon.uid == geteuid();
+        if (const std::string reason = whyNotTheDaemon(fd); !reason.empty()) {
+            return "the zone manager's socket is not listened to: " + reason;
+        }
+        return listeningUser(fd) == geteuid()
+                   ? std::string()
+                   : "the zone manager takes subscribers of its own user only (are you root?)";
     }
 
     void disconnect()
