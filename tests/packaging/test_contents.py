@@ -94,8 +94,9 @@ def test_nobody_else_is_told_of_our_liblxc(package):
 
 def test_its_documents_come_along(package):
     names = {path.rpartition("/")[2] for path in documents(package.files)}
-    assert names == {"CHANGELOG.md", "changelog.gz", "copyright", "interfaces.md.gz", "operations.md.gz",
-                     "zone-manager"}
+    examples = {path.name for path in (PROJECT / "docs" / "examples").iterdir()}
+    assert names == {"CHANGELOG.md", "architecture.md", "changelog.gz", "copyright", "interfaces.md",
+                     "operations.md", "zone-manager"} | examples
 
 
 def test_the_daemon_looks_for_liblxc_in_the_devices_own_folder_alone(package, tmp_path):
