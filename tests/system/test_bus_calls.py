@@ -98,7 +98,7 @@ def test_every_call_is_told_with_its_number(served, bus):
     for method, number, signature, more, _ in METHODS:
         mark = served.mark()
         busctl(bus, method, signature, "hybrid", *more)
-        served.wait_order(
+        call, _ = served.wait_order(
             re.compile(
                 rf"^sender : :1\.\d+ / object path : {OBJECT} / interface name : {INTERFACE} / "
                 rf"method name : {method}$"
@@ -106,7 +106,9 @@ def test_every_call_is_told_with_its_number(served, bus):
             re.compile(rf'^method name type of "{method}" is {number}$'),
             after=mark,
         )
-        assert served.bodies("error", after=mark) == []
+        # The zone's own thread may tell of an earlier request meanwhile, as of a start that a stop overtook.
+        own = [record for record in served.records[mark:] if record.tid == call.tid]
+        assert [record.body for record in own if record.level == "error"] == []
 
 
 REQUEST_LINES = {
