@@ -295,13 +295,13 @@ void Zone::handleChangeState(ZoneState newState)
 
 bool Zone::setZoneWatcherTimer(int interval)
 {
-    stopAwaitsReport = false; // somebody started the zone again
     const pid_t pid = container->initPID();
     if (pid < 0) {
         ZLOGE("Failed to get initpid of %s(thread name : %s, tid : %d)", zoneName.c_str(), threadName.c_str(),
               currentThreadId());
         return false;
     }
+    stopAwaitsReport = false; // somebody started the zone again
     initPid.store(pid, std::memory_order_relaxed);
     ZLOGI("The init pid(%d) of zone(%s) is set(thread name : %s, tid : %d)", pid, zoneName.c_str(),
           threadName.c_str(), currentThreadId());

@@ -230,14 +230,22 @@ TEST_F(ZoneWatcher, DoesNotTakeAStopOnRequestForADeath)
 
 TEST_F(ZoneWatcher, LooksAgainOnceTheStopWasReportedOrTheZoneRunsAgain)
 {
+    container("init_pid", "78");
     for (const ZoneState reported : {STOPPED, RUNNING}) {
         zone->stopAwaitsReport = true;
         static_cast<void>(handle(eZONE_EVENT_CHANGE_STATE, reported));
         EXPECT_FALSE(zone->stopAwaitsReport);
     }
+}
+
+TEST_F(ZoneWatcher, IsNotMisledByReportsThatTheStopHasOvertaken)
+{
+    container("init_pid", "-1");
     zone->stopAwaitsReport = true;
-    static_cast<void>(handle(eZONE_EVENT_CHANGE_STATE, STOPPING));
-    EXPECT_TRUE(zone->stopAwaitsReport);
+    for (const ZoneState reported : {STARTING, RUNNING, STOPPING}) {
+        static_cast<void>(handle(eZONE_EVENT_CHANGE_STATE, reported));
+        EXPECT_TRUE(zone->stopAwaitsReport);
+    }
 }
 
 TEST_F(ZoneWatcher, RestartsWhenTheInitProcessChanged)
